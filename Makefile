@@ -1,0 +1,34 @@
+# The two commands of the README: `make run` and `make test`. Both install what is missing first.
+BUILD ?= build
+ARGS ?=
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+ifeq ($(CI),true)
+CMAKE_FLAGS += -DBRIM_WERROR=ON
+endif
+
+.PHONY: all deps configure build run test bench clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps
+
+configure: deps
+	@if [ ! -f $(BUILD)/build.ninja ]; then cmake -S . -B $(BUILD) -G Ninja $(CMAKE_FLAGS); fi
+
+build: configure
+	@cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	@./$(BUILD)/Brim $(ARGS)
+
+test: build
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 900
+
+bench: build
+	@cmake --build $(BUILD) --target brim_benchmarks -j $(JOBS)
+	@for b in $(BUILD)/benchmarks/*_benchmarks; do echo "== $$b"; "$$b" || exit 1; done
+
+clean:
+	@rm -rf $(BUILD)

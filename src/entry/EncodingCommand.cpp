@@ -1,0 +1,7 @@
+#include "entry/Commands.h"
+
+namespace brim {
+
+int encodingCommand(Arguments) { return notAvailable("--encoding"); }
+
+} // namespace brim

@@ -1,0 +1,7 @@
+#include "entry/Commands.h"
+
+namespace brim {
+
+int grepCommand(Arguments) { return notAvailable("--grep"); }
+
+} // namespace brim
