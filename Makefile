@@ -32,3 +32,8 @@ bench: build
 
 clean:
 	@rm -rf $(BUILD)
+
+PREFIX ?= /usr/local
+.PHONY: install
+install: build
+	@cmake --install $(BUILD) --prefix $(PREFIX)
