@@ -15,6 +15,13 @@ struct ByteRange {
     [[nodiscard]] std::int64_t length() const { return upper > lower ? upper - lower : 0; }
     [[nodiscard]] bool empty() const { return upper <= lower; }
     friend bool operator==(const ByteRange&, const ByteRange&) = default;
+
+    /// The part of the range inside [0, limit); an empty range at the nearer end when none is.
+    [[nodiscard]] ByteRange clampedTo(std::int64_t limit) const {
+        const std::int64_t low = lower < 0 ? 0 : (lower > limit ? limit : lower);
+        const std::int64_t high = upper < low ? low : (upper > limit ? limit : upper);
+        return {low, high};
+    }
 };
 
 /// A read-only store of bytes: a mapped file, an array in memory, or an append-only buffer.
