@@ -1,0 +1,1887 @@
+#include "charsets/Transcoder.h"
+
+#include "charsets/Charsets.h"
+#include "charsets/DoubleByteCodec.h"
+#include "common/Localization.h"
+#include "common/UserResources.h"
+
+#include <unicode/ucnv.h>
+#include <unicode/ucnv_cb.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <iconv.h>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <unordered_map>
+
+namespace brim::Transcoder {
+
+namespace {
+
+constexpr std::size_t maxExamples = 10;
+constexpr std::array<std::uint8_t, 3> replacementUTF8 = {0xEF, 0xBF, 0xBD};
+
+// MARK: small Unicode helpers
+
+bool isHighSurrogate(std::uint32_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
+bool isLowSurrogate(std::uint32_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+
+void appendUTF8(std::vector<std::uint8_t>& out, char32_t scalar) {
+    if (scalar < 0x80) {
+        out.push_back(static_cast<std::uint8_t>(scalar));
+    } else if (scalar < 0x800) {
+        out.push_back(static_cast<std::uint8_t>(0xC0 | (scalar >> 6)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | (scalar & 0x3F)));
+    } else if (scalar < 0x10000) {
+        if (isHighSurrogate(scalar) || isLowSurrogate(scalar)) {
+            out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+            return;
+        }
+        out.push_back(static_cast<std::uint8_t>(0xE0 | (scalar >> 12)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | ((scalar >> 6) & 0x3F)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | (scalar & 0x3F)));
+    } else if (scalar <= 0x10FFFF) {
+        out.push_back(static_cast<std::uint8_t>(0xF0 | (scalar >> 18)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | ((scalar >> 12) & 0x3F)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | ((scalar >> 6) & 0x3F)));
+        out.push_back(static_cast<std::uint8_t>(0x80 | (scalar & 0x3F)));
+    } else {
+        out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+    }
+}
+
+std::string utf8String(char32_t scalar) {
+    std::vector<std::uint8_t> bytes;
+    appendUTF8(bytes, scalar);
+    return {bytes.begin(), bytes.end()};
+}
+
+/// UTF-16 text to UTF-8; a lone surrogate becomes U+FFFD.
+void appendUTF16AsUTF8(std::vector<std::uint8_t>& out, std::u16string_view text) {
+    const std::size_t count = text.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        const char16_t unit = text[i];
+        if (unit < 0x80) {
+            out.push_back(static_cast<std::uint8_t>(unit));
+        } else if (isHighSurrogate(unit) && i + 1 < count && isLowSurrogate(text[i + 1])) {
+            appendUTF8(out, 0x10000 + ((static_cast<char32_t>(unit) - 0xD800) << 10) + (text[i + 1] - 0xDC00u));
+            ++i;
+        } else {
+            appendUTF8(out, unit);
+        }
+    }
+}
+
+/// Reads one UTF-8 scalar at `p`. Returns its length; 0 when the bytes end inside a well-begun
+/// sequence; -1 for an ill-formed byte (read as U+FFFD, one byte consumed).
+int readUTF8(const std::uint8_t* p, std::size_t available, char32_t& scalar) {
+    const std::uint8_t lead = p[0];
+    if (lead < 0x80) {
+        scalar = lead;
+        return 1;
+    }
+    int length = 0;
+    char32_t value = 0;
+    std::uint8_t low = 0x80;
+    std::uint8_t high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        value = lead & 0x1Fu;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        value = lead & 0x0Fu;
+        if (lead == 0xE0) {
+            low = 0xA0;
+        } else if (lead == 0xED) {
+            high = 0x9F;
+        }
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        value = lead & 0x07u;
+        if (lead == 0xF0) {
+            low = 0x90;
+        } else if (lead == 0xF4) {
+            high = 0x8F;
+        }
+    } else {
+        scalar = 0xFFFD;
+        return -1;
+    }
+    for (int k = 1; k < length; ++k) {
+        if (static_cast<std::size_t>(k) >= available) {
+            return 0;
+        }
+        const std::uint8_t byte = p[k];
+        if (byte < (k == 1 ? low : 0x80) || byte > (k == 1 ? high : 0xBF)) {
+            scalar = 0xFFFD;
+            return -1;
+        }
+        value = (value << 6) | (byte & 0x3Fu);
+    }
+    scalar = value;
+    return length;
+}
+
+void noteInvalid(ConversionReport& report, std::int64_t offset) {
+    ++report.invalid;
+    if (!report.firstInvalidOffset) {
+        report.firstInvalidOffset = offset;
+    }
+}
+
+void noteUnwritable(ConversionReport& report, char32_t scalar) {
+    ++report.unwritable;
+    if (report.unwritableExamples.size() < maxExamples) {
+        std::string example = utf8String(scalar);
+        if (std::find(report.unwritableExamples.begin(), report.unwritableExamples.end(), example) ==
+            report.unwritableExamples.end()) {
+            report.unwritableExamples.push_back(std::move(example));
+        }
+    }
+}
+
+// MARK: what kind of set
+
+bool isUTF8(const TextEncoding& encoding) { return encoding.id == "utf8"; }
+
+bool isICUName(const std::string& name) { return !name.empty() && !name.starts_with("iconv:"); }
+
+bool icuConverterIsStateful(const std::string& name) {
+    UErrorCode status = U_ZERO_ERROR;
+    UConverter* converter = ucnv_open(name.c_str(), &status);
+    if (U_FAILURE(status)) {
+        return false;
+    }
+    const UConverterType type = ucnv_getType(converter);
+    ucnv_close(converter);
+    switch (type) {
+    case UCNV_ISO_2022:
+    case UCNV_HZ:
+    case UCNV_UTF7:
+    case UCNV_IMAP_MAILBOX:
+    case UCNV_ISCII:
+    case UCNV_LMBCS_1:
+    case UCNV_SCSU:
+    case UCNV_BOCU1:
+    case UCNV_COMPOUND_TEXT:
+    case UCNV_EBCDIC_STATEFUL:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/// Whether escape or shift sequences change what later bytes mean.
+bool isStatefulSet(const TextEncoding& encoding) {
+    if (encoding.stateful) {
+        return true;
+    }
+    if (const Charsets::Entry* entry = Charsets::entry(encoding.id); entry != nullptr && entry->isStateful) {
+        return true;
+    }
+    if (isICUName(encoding.converterName)) {
+        static std::mutex cacheLock;
+        static std::map<std::string, bool> cache;   // guarded by cacheLock
+        std::lock_guard lock(cacheLock);
+        auto [found, inserted] = cache.try_emplace(encoding.converterName, false);
+        if (inserted) {
+            found->second = icuConverterIsStateful(encoding.converterName);
+        }
+        return found->second;
+    }
+    return false;
+}
+
+/// Line breaks can be found and written as bytes without decoding: CR and LF are never part of
+/// another character and no shift state changes their meaning.
+bool breaksAreBytes(const TextEncoding& encoding) {
+    return isUTF8(encoding) ||
+           (encoding.asciiCompatible && !encoding.isEBCDIC() && !encoding.unicodeUnitWidth() && !isStatefulSet(encoding));
+}
+
+// MARK: the two sides of a conversion
+
+} // namespace
+
+/// One side of a `BlockConverter`: a decoder (bytes in a set to UTF-8) or an encoder (UTF-8 to bytes in
+/// a set). Input that ends inside a character is held and joined to the next call.
+class BlockConverter::Side {
+public:
+    virtual ~Side() = default;
+    virtual void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) = 0;
+    virtual void finish(std::vector<std::uint8_t>& out, ConversionReport& report) = 0;
+    [[nodiscard]] virtual std::int64_t pending() const = 0;
+    [[nodiscard]] virtual bool isAtCleanCut() const { return pending() == 0; }
+
+protected:
+    std::int64_t consumed_ = 0;      // input bytes seen before this call, for error offsets
+};
+
+namespace {
+
+using Side = BlockConverter::Side;
+
+/// Joins held-back bytes to a new block without copying the block when nothing is held.
+class Joined {
+public:
+    Joined(std::vector<std::uint8_t>& held, std::span<const std::uint8_t> in) {
+        if (held.empty()) {
+            view_ = in;
+        } else {
+            held.insert(held.end(), in.begin(), in.end());
+            storage_.swap(held);
+            view_ = storage_;
+        }
+    }
+    [[nodiscard]] std::span<const std::uint8_t> bytes() const { return view_; }
+
+private:
+    std::vector<std::uint8_t> storage_;
+    std::span<const std::uint8_t> view_;
+};
+
+// Single-byte sets: every byte's UTF-8 looked up in a table built once per set.
+struct ByteTable {
+    std::array<std::array<std::uint8_t, 16>, 256> utf8{};
+    std::array<std::uint8_t, 256> length{};
+    std::array<bool, 256> invalid{};
+    bool asciiIdentity = true;
+};
+
+std::shared_ptr<const ByteTable> byteTableFor(const TextEncoding& encoding) {
+    static std::mutex cacheLock;
+    static std::map<std::string, std::shared_ptr<const ByteTable>> cache;    // guarded by cacheLock
+    {
+        std::lock_guard lock(cacheLock);
+        if (auto found = cache.find(encoding.id); found != cache.end()) {
+            return found->second;
+        }
+    }
+    auto table = std::make_shared<ByteTable>();
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        std::vector<std::uint8_t> text;
+        bool bad = false;
+        if (encoding.table) {
+            if (encoding.expansions && encoding.expansions->contains(static_cast<std::uint8_t>(byte))) {
+                appendUTF16AsUTF8(text, encoding.expansions->at(static_cast<std::uint8_t>(byte)));
+            } else {
+                const std::uint16_t unit = (*encoding.table)[byte];
+                bad = unit == 0xFFFD || isHighSurrogate(unit) || isLowSurrogate(unit);
+                appendUTF8(text, bad ? 0xFFFD : unit);
+            }
+        } else {
+            const std::uint8_t single = static_cast<std::uint8_t>(byte);
+            const std::string decoded = encoding.decode(std::span<const std::uint8_t>(&single, 1));
+            text.assign(decoded.begin(), decoded.end());
+            bad = decoded == "\xEF\xBF\xBD";
+        }
+        if (text.empty() || text.size() > 16) {
+            text.assign(replacementUTF8.begin(), replacementUTF8.end());
+            bad = true;
+        }
+        std::copy(text.begin(), text.end(), table->utf8[byte].begin());
+        table->length[byte] = static_cast<std::uint8_t>(text.size());
+        table->invalid[byte] = bad;
+        if (byte < 0x80 && (text.size() != 1 || text[0] != byte)) {
+            table->asciiIdentity = false;
+        }
+    }
+    std::lock_guard lock(cacheLock);
+    return cache.try_emplace(encoding.id, std::move(table)).first->second;
+}
+
+class TableDecoder final : public Side {
+public:
+    explicit TableDecoder(std::shared_ptr<const ByteTable> table) : table_(std::move(table)) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        const ByteTable& table = *table_;
+        const std::size_t start = out.size();
+        out.resize(start + in.size() * 16);
+        std::uint8_t* write = out.data() + start;
+        const std::uint8_t* read = in.data();
+        const std::uint8_t* end = read + in.size();
+        while (read < end) {
+            if (table.asciiIdentity && end - read >= 8) {
+                std::uint64_t word = 0;
+                std::memcpy(&word, read, 8);
+                if ((word & 0x8080808080808080ULL) == 0) {
+                    std::memcpy(write, read, 8);
+                    read += 8;
+                    write += 8;
+                    continue;
+                }
+            }
+            const std::uint8_t byte = *read;
+            if (table.invalid[byte]) {
+                noteInvalid(report, consumed_ + (read - in.data()));
+            }
+            const std::uint8_t length = table.length[byte];
+            std::memcpy(write, table.utf8[byte].data(), 16);
+            write += length;
+            ++read;
+        }
+        out.resize(static_cast<std::size_t>(write - out.data()));
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+    void finish(std::vector<std::uint8_t>&, ConversionReport&) override {}
+    [[nodiscard]] std::int64_t pending() const override { return 0; }
+
+private:
+    std::shared_ptr<const ByteTable> table_;
+};
+
+class UTFDecoder final : public Side {
+public:
+    UTFDecoder(int width, bool bigEndian) : width_(width), bigEndian_(bigEndian) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        out.reserve(out.size() + bytes.size() * 2);
+        const std::size_t w = static_cast<std::size_t>(width_);
+        std::size_t i = 0;
+        const std::size_t count = bytes.size();
+        while (i + w <= count) {
+            const std::uint32_t unit = read(&bytes[i]);
+            if (width_ == 2) {
+                if (unit < 0x80) {
+                    out.push_back(static_cast<std::uint8_t>(unit));
+                    i += 2;
+                    continue;
+                }
+                if (isHighSurrogate(unit)) {
+                    if (i + 4 > count) {
+                        break;      // the low half is in the next block
+                    }
+                    const std::uint32_t low = read(&bytes[i + 2]);
+                    if (isLowSurrogate(low)) {
+                        appendUTF8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+                        i += 4;
+                        continue;
+                    }
+                }
+                if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
+                    noteInvalid(report, base + static_cast<std::int64_t>(i));
+                    out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                } else {
+                    appendUTF8(out, unit);
+                }
+                i += 2;
+            } else {
+                if (unit > 0x10FFFF || isHighSurrogate(unit) || isLowSurrogate(unit)) {
+                    noteInvalid(report, base + static_cast<std::int64_t>(i));
+                    out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                } else {
+                    appendUTF8(out, unit);
+                }
+                i += 4;
+            }
+        }
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (!held_.empty()) {
+            // A high surrogate with nothing after it, or bytes short of a whole unit.
+            noteInvalid(report, consumed_ - static_cast<std::int64_t>(held_.size()));
+            out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+            held_.clear();
+        }
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    [[nodiscard]] std::uint32_t read(const std::uint8_t* p) const {
+        if (width_ == 2) {
+            return bigEndian_ ? (std::uint32_t{p[0]} << 8 | p[1]) : (std::uint32_t{p[1]} << 8 | p[0]);
+        }
+        return bigEndian_ ? (std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3])
+                          : (std::uint32_t{p[3]} << 24 | std::uint32_t{p[2]} << 16 | std::uint32_t{p[1]} << 8 | p[0]);
+    }
+
+    int width_;
+    bool bigEndian_;
+    std::vector<std::uint8_t> held_;
+};
+
+class DoubleByteDecoder final : public Side {
+public:
+    explicit DoubleByteDecoder(const DoubleByteCodec& codec) : codec_(codec) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        held_.clear();
+        units_.clear();
+        std::size_t invalid = 0;
+        const std::size_t used = codec_.decode(bytes, false, units_, invalid);
+        for (std::size_t k = 0; k < invalid; ++k) {
+            noteInvalid(report, consumed_);
+        }
+        appendUTF16AsUTF8(out, units_);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        units_.clear();
+        std::size_t invalid = 0;
+        codec_.decode(held_, true, units_, invalid);
+        for (std::size_t k = 0; k < invalid; ++k) {
+            noteInvalid(report, consumed_ - static_cast<std::int64_t>(held_.size()));
+        }
+        appendUTF16AsUTF8(out, units_);
+        held_.clear();
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    const DoubleByteCodec& codec_;
+    std::vector<std::uint8_t> held_;
+    std::u16string units_;
+};
+
+// MARK: ICU
+
+struct ICUCallbackContext {
+    ConversionReport* report = nullptr;
+    std::int64_t base = 0;
+};
+
+void toUnicodeCallback(const void* context, UConverterToUnicodeArgs* args, const char* /*codeUnits*/,
+                       int32_t /*length*/, UConverterCallbackReason reason, UErrorCode* status) {
+    if (reason > UCNV_IRREGULAR) {
+        return;
+    }
+    const auto* callback = static_cast<const ICUCallbackContext*>(context);
+    if (callback->report != nullptr) {
+        noteInvalid(*callback->report, callback->base);
+    }
+    *status = U_ZERO_ERROR;
+    const UChar replacement = 0xFFFD;
+    ucnv_cbToUWriteUChars(args, &replacement, 1, 0, status);
+}
+
+void fromUnicodeCallback(const void* context, UConverterFromUnicodeArgs* args, const UChar* /*codeUnits*/,
+                         int32_t /*length*/, UChar32 codePoint, UConverterCallbackReason reason, UErrorCode* status) {
+    if (reason > UCNV_IRREGULAR) {
+        return;
+    }
+    const auto* callback = static_cast<const ICUCallbackContext*>(context);
+    if (callback->report != nullptr) {
+        noteUnwritable(*callback->report,
+                       codePoint < 0 || isHighSurrogate(static_cast<std::uint32_t>(codePoint)) ||
+                               isLowSurrogate(static_cast<std::uint32_t>(codePoint))
+                           ? char32_t{0xFFFD}
+                           : static_cast<char32_t>(codePoint));
+    }
+    *status = U_ZERO_ERROR;
+    ucnv_cbFromUWriteSub(args, 0, status);
+}
+
+struct ConverterCloser {
+    void operator()(UConverter* converter) const { ucnv_close(converter); }
+};
+using ConverterPointer = std::unique_ptr<UConverter, ConverterCloser>;
+
+ConverterPointer openICU(const std::string& name) {
+    UErrorCode status = U_ZERO_ERROR;
+    ConverterPointer converter(ucnv_open(name.c_str(), &status));
+    if (U_FAILURE(status)) {
+        return nullptr;
+    }
+    return converter;
+}
+
+/// Sets the substitution to the set's own "?": ICU's default is not a question mark.
+void useQuestionMark(UConverter* converter) {
+    UErrorCode status = U_ZERO_ERROR;
+    ConverterPointer probe(ucnv_clone(converter, &status));
+    if (U_FAILURE(status)) {
+        return;
+    }
+    ucnv_reset(probe.get());
+    char bytes[16];
+    const UChar question = u'?';
+    const int32_t length = ucnv_fromUChars(probe.get(), bytes, sizeof bytes, &question, 1, &status);
+    if (U_SUCCESS(status) && length > 0) {
+        status = U_ZERO_ERROR;
+        ucnv_setSubstChars(converter, bytes, static_cast<int8_t>(length), &status);
+    }
+}
+
+/// ICU converter to or from UTF-8, with one pivot buffer kept across blocks so that state and partial
+/// characters carry over.
+class ICUSide final : public Side {
+public:
+    ICUSide(ConverterPointer set, bool decoding, bool stateful)
+        : set_(std::move(set)), utf8_(openICU("UTF-8")), decoding_(decoding), stateful_(stateful) {
+        UErrorCode status = U_ZERO_ERROR;
+        if (decoding_) {
+            ucnv_setToUCallBack(set_.get(), toUnicodeCallback, &context_, nullptr, nullptr, &status);
+        } else {
+            useQuestionMark(set_.get());
+            ucnv_setFromUCallBack(set_.get(), fromUnicodeCallback, &context_, nullptr, nullptr, &status);
+            // Ill-formed UTF-8 reaches the set as U+FFFD, which is then counted if it cannot be written.
+        }
+    }
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        run(in, out, report, false);
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override { run({}, out, report, true); }
+
+    [[nodiscard]] std::int64_t pending() const override {
+        UErrorCode status = U_ZERO_ERROR;
+        const int32_t count = decoding_ ? ucnv_toUCountPending(set_.get(), &status)
+                                        : ucnv_toUCountPending(utf8_.get(), &status);
+        return U_SUCCESS(status) && count > 0 ? count : 0;
+    }
+    [[nodiscard]] bool isAtCleanCut() const override { return !stateful_ && pending() == 0; }
+
+private:
+    void run(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report, bool flush) {
+        context_.report = &report;
+        context_.base = consumed_;
+        UConverter* source = decoding_ ? set_.get() : utf8_.get();
+        UConverter* target = decoding_ ? utf8_.get() : set_.get();
+        const char* read = reinterpret_cast<const char*>(in.data());
+        const char* readEnd = read + in.size();
+        std::size_t room = in.size() * (decoding_ ? 3 : 2) + 64;
+        bool reset = first_;
+        first_ = false;
+        while (true) {
+            const std::size_t start = out.size();
+            out.resize(start + room);
+            char* write = reinterpret_cast<char*>(out.data() + start);
+            char* writeEnd = reinterpret_cast<char*>(out.data() + out.size());
+            UErrorCode status = U_ZERO_ERROR;
+            ucnv_convertEx(target, source, &write, writeEnd, &read, readEnd, pivot_.data(), &pivotSource_,
+                           &pivotTarget_, pivot_.data() + pivot_.size(), reset, flush, &status);
+            reset = false;
+            out.resize(static_cast<std::size_t>(reinterpret_cast<std::uint8_t*>(write) - out.data()));
+            if (status == U_BUFFER_OVERFLOW_ERROR) {
+                room = room * 2;
+                continue;
+            }
+            if (U_FAILURE(status)) {
+                // Not expected with substituting callbacks; what could not be read is one U+FFFD.
+                noteInvalid(report, consumed_);
+                out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                ucnv_reset(source);
+                ucnv_reset(target);
+                pivotSource_ = pivotTarget_ = pivot_.data();
+            }
+            break;
+        }
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+
+    ConverterPointer set_;
+    ConverterPointer utf8_;
+    bool decoding_;
+    bool stateful_;
+    bool first_ = true;
+    ICUCallbackContext context_;
+    std::array<UChar, 8192> pivot_{};
+    UChar* pivotSource_ = pivot_.data();
+    UChar* pivotTarget_ = pivot_.data();
+};
+
+// MARK: glibc iconv
+
+class IconvSide final : public Side {
+public:
+    IconvSide(iconv_t descriptor, bool decoding) : descriptor_(descriptor), decoding_(decoding) {}
+    ~IconvSide() override { iconv_close(descriptor_); }
+    IconvSide(const IconvSide&) = delete;
+    IconvSide& operator=(const IconvSide&) = delete;
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        std::size_t used = run(bytes, out, report, base, false);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (!held_.empty()) {
+            std::vector<std::uint8_t> rest;
+            rest.swap(held_);
+            run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
+        }
+        // Ends any shift state.
+        std::array<char, 64> tail{};
+        char* write = tail.data();
+        std::size_t room = tail.size();
+        iconv(descriptor_, nullptr, nullptr, &write, &room);
+        out.insert(out.end(), tail.data(), write);
+    }
+
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+    [[nodiscard]] bool isAtCleanCut() const override { return pending() == 0; }
+
+private:
+    std::size_t run(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out, ConversionReport& report,
+                    std::int64_t base, bool final) {
+        // iconv's interface is not const-correct; it never writes through the input pointer.
+        char* read = const_cast<char*>(reinterpret_cast<const char*>(bytes.data()));
+        std::size_t left = bytes.size();
+        while (left > 0) {
+            const std::size_t start = out.size();
+            const std::size_t room = left * 4 + 64;
+            out.resize(start + room);
+            char* write = reinterpret_cast<char*>(out.data() + start);
+            std::size_t writeLeft = room;
+            const std::size_t result = iconv(descriptor_, &read, &left, &write, &writeLeft);
+            const int error = errno;
+            out.resize(start + room - writeLeft);
+            if (result != static_cast<std::size_t>(-1)) {
+                continue;
+            }
+            if (error == E2BIG) {
+                continue;
+            }
+            const std::int64_t offset = base + (read - reinterpret_cast<const char*>(bytes.data()));
+            if (error == EINVAL && !final) {
+                break;      // an unfinished character: kept for the next block
+            }
+            if (decoding_) {
+                noteInvalid(report, offset);
+                out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                ++read;
+                --left;
+            } else {
+                char32_t scalar = 0xFFFD;
+                int length = readUTF8(reinterpret_cast<const std::uint8_t*>(read), left, scalar);
+                if (length <= 0) {
+                    length = 1;
+                    scalar = 0xFFFD;
+                }
+                noteUnwritable(report, scalar);
+                read += length;
+                left -= static_cast<std::size_t>(length);
+                writeQuestionMark(out);
+            }
+        }
+        return bytes.size() - left;
+    }
+
+    void writeQuestionMark(std::vector<std::uint8_t>& out) {
+        char question = '?';
+        char* read = &question;
+        std::size_t left = 1;
+        std::array<char, 16> buffer{};
+        char* write = buffer.data();
+        std::size_t room = buffer.size();
+        iconv(descriptor_, &read, &left, &write, &room);
+        out.insert(out.end(), buffer.data(), write);
+    }
+
+    iconv_t descriptor_;
+    bool decoding_;
+    std::vector<std::uint8_t> held_;
+};
+
+// MARK: sets that only the TextEncoding value itself knows how to convert
+
+/// Converts whole pieces through the encoding's own `decode` or `encode`, cut where no state or
+/// character can be divided; a stretch with no such place waits, up to the force-flush limit.
+class PieceSide final : public Side {
+public:
+    PieceSide(TextEncoding encoding, bool decoding) : encoding_(std::move(encoding)), decoding_(decoding) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        held_.insert(held_.end(), in.begin(), in.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+        std::size_t cut = cutPoint();
+        if (cut == 0 && static_cast<std::int64_t>(held_.size()) >= StreamingConverter::forceFlushLimit) {
+            cut = decoding_ ? held_.size() : std::max<std::size_t>(safeCut(held_), 1);
+        }
+        if (cut == 0) {
+            return;
+        }
+        emit(std::span<const std::uint8_t>(held_.data(), cut), out, report);
+        held_.erase(held_.begin(), held_.begin() + static_cast<std::ptrdiff_t>(cut));
+    }
+
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (!held_.empty()) {
+            emit(held_, out, report);
+            held_.clear();
+        }
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    [[nodiscard]] std::size_t cutPoint() const {
+        for (std::size_t i = held_.size(); i > 0; --i) {
+            const std::uint8_t byte = held_[i - 1];
+            if (decoding_) {
+                if (encoding_.stateful ? encoding_.stateful->startsAfresh(byte)
+                                       : (encoding_.asciiCompatible && byte < 0x30)) {
+                    return i;
+                }
+            } else if (byte == '\n') {
+                return i;
+            }
+        }
+        return 0;
+    }
+
+    void emit(std::span<const std::uint8_t> piece, std::vector<std::uint8_t>& out, ConversionReport& report) {
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(held_.size());
+        if (decoding_) {
+            const std::string text = encoding_.decode(piece);
+            // The set's own decoder says nothing of what it could not read but leaves U+FFFD for it.
+            for (std::size_t at = text.find("\xEF\xBF\xBD"); at != std::string::npos;
+                 at = text.find("\xEF\xBF\xBD", at + 3)) {
+                noteInvalid(report, base);
+            }
+            out.insert(out.end(), text.begin(), text.end());
+        } else {
+            const std::string_view text(reinterpret_cast<const char*>(piece.data()), piece.size());
+            const EncodedText encoded = encoding_.encode(text);
+            if (encoded.unwritable > 0) {
+                const UnwritableReport found = encoding_.unwritable(text, maxExamples);
+                report.unwritable += encoded.unwritable;
+                for (const std::string& example : found.examples) {
+                    if (report.unwritableExamples.size() < maxExamples &&
+                        std::find(report.unwritableExamples.begin(), report.unwritableExamples.end(), example) ==
+                            report.unwritableExamples.end()) {
+                        report.unwritableExamples.push_back(example);
+                    }
+                }
+            }
+            out.insert(out.end(), encoded.bytes.begin(), encoded.bytes.end());
+        }
+    }
+
+    TextEncoding encoding_;
+    bool decoding_;
+    std::vector<std::uint8_t> held_;
+};
+
+// MARK: encoders from UTF-8 of our own
+
+/// Reads UTF-8 scalars across blocks, holding an unfinished sequence for the next one.
+class UTF8Reader {
+public:
+    template <typename Body>
+    void read(std::span<const std::uint8_t> in, bool final, Body&& body) {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        held_.clear();
+        std::size_t i = 0;
+        const std::size_t count = bytes.size();
+        while (i < count) {
+            char32_t scalar = 0;
+            const int length = readUTF8(&bytes[i], count - i, scalar);
+            if (length == 0) {
+                if (!final) {
+                    break;
+                }
+                body(char32_t{0xFFFD}, bytes.subspan(i));
+                i = count;
+                break;
+            }
+            const std::size_t step = length < 0 ? 1 : static_cast<std::size_t>(length);
+            body(scalar, bytes.subspan(i));
+            i += step;
+        }
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.end());
+    }
+    [[nodiscard]] std::int64_t pending() const { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    std::vector<std::uint8_t> held_;
+};
+
+class UTFEncoder final : public Side {
+public:
+    UTFEncoder(int width, bool bigEndian) : width_(width), bigEndian_(bigEndian) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        out.reserve(out.size() + in.size() * static_cast<std::size_t>(width_));
+        reader_.read(in, false, [&](char32_t scalar, std::span<const std::uint8_t>) { put(scalar, out, report); });
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        reader_.read({}, true, [&](char32_t scalar, std::span<const std::uint8_t>) { put(scalar, out, report); });
+    }
+    [[nodiscard]] std::int64_t pending() const override { return reader_.pending(); }
+
+private:
+    void put(char32_t scalar, std::vector<std::uint8_t>& out, ConversionReport&) {
+        if (width_ == 2) {
+            if (scalar >= 0x10000) {
+                unit(0xD800 + ((scalar - 0x10000) >> 10), out);
+                unit(0xDC00 + ((scalar - 0x10000) & 0x3FF), out);
+            } else {
+                unit(scalar, out);
+            }
+        } else {
+            unit(scalar, out);
+        }
+    }
+    void unit(std::uint32_t value, std::vector<std::uint8_t>& out) const {
+        if (width_ == 2) {
+            const auto high = static_cast<std::uint8_t>(value >> 8);
+            const auto low = static_cast<std::uint8_t>(value & 0xFF);
+            out.push_back(bigEndian_ ? high : low);
+            out.push_back(bigEndian_ ? low : high);
+        } else {
+            std::array<std::uint8_t, 4> bytes = {static_cast<std::uint8_t>(value >> 24), static_cast<std::uint8_t>(value >> 16),
+                                                 static_cast<std::uint8_t>(value >> 8), static_cast<std::uint8_t>(value)};
+            if (!bigEndian_) {
+                std::reverse(bytes.begin(), bytes.end());
+            }
+            out.insert(out.end(), bytes.begin(), bytes.end());
+        }
+    }
+
+    int width_;
+    bool bigEndian_;
+    UTF8Reader reader_;
+};
+
+/// The way back through a table: the first byte of each unit wins; expansions, longest first, before
+/// single units.
+struct ReverseTable {
+    std::vector<std::int16_t> byUnit = std::vector<std::int16_t>(65'536, -1);
+    std::vector<std::pair<std::u16string, std::uint8_t>> expansions;     // longest first
+    std::vector<bool> startsExpansion = std::vector<bool>(65'536, false);
+    std::size_t longestExpansion = 0;
+    std::uint8_t question = 0x3F;
+};
+
+std::shared_ptr<const ReverseTable> reverseTableFor(const TextEncoding& encoding) {
+    static std::mutex reverseLock;
+    static std::map<const void*, std::shared_ptr<const ReverseTable>> cache;    // guarded by reverseLock
+    std::lock_guard lock(reverseLock);
+    if (auto found = cache.find(encoding.table.get()); found != cache.end()) {
+        return found->second;
+    }
+    auto reverse = std::make_shared<ReverseTable>();
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        const std::uint16_t unit = (*encoding.table)[byte];
+        const bool expanded = encoding.expansions && encoding.expansions->contains(static_cast<std::uint8_t>(byte));
+        if (!expanded && unit != 0xFFFD && reverse->byUnit[unit] < 0) {
+            reverse->byUnit[unit] = static_cast<std::int16_t>(byte);
+        }
+    }
+    if (encoding.expansions) {
+        for (const auto& [byte, units] : *encoding.expansions) {
+            reverse->expansions.emplace_back(units, byte);
+            reverse->startsExpansion[units[0]] = true;
+            reverse->longestExpansion = std::max(reverse->longestExpansion, units.size());
+        }
+        std::stable_sort(reverse->expansions.begin(), reverse->expansions.end(),
+                         [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+    }
+    if (reverse->byUnit['?'] >= 0 && !encoding.asciiCompatible) {
+        reverse->question = static_cast<std::uint8_t>(reverse->byUnit['?']);
+    }
+    return cache.try_emplace(encoding.table.get(), std::move(reverse)).first->second;
+}
+
+class TableEncoder final : public Side {
+public:
+    explicit TableEncoder(std::shared_ptr<const ReverseTable> reverse) : reverse_(std::move(reverse)) {
+        for (unsigned byte = 0; byte < 0x80; ++byte) {
+            if (reverse_->byUnit[byte] != static_cast<std::int16_t>(byte) || reverse_->startsExpansion[byte]) {
+                asciiIdentity_ = false;
+            }
+        }
+    }
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        held_.clear();
+        out.reserve(out.size() + bytes.size());
+        const std::size_t used = run(bytes, out, report, false);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        std::vector<std::uint8_t> rest;
+        rest.swap(held_);
+        run(rest, out, report, true);
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    std::size_t run(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out, ConversionReport& report,
+                    bool final) {
+        const ReverseTable& reverse = *reverse_;
+        const std::size_t count = bytes.size();
+        std::size_t i = 0;
+        while (i < count) {
+            const std::uint8_t lead = bytes[i];
+            if (asciiIdentity_ && lead < 0x80) {
+                out.push_back(lead);
+                ++i;
+                continue;
+            }
+            char32_t scalar = 0;
+            int length = readUTF8(&bytes[i], count - i, scalar);
+            if (length == 0 && !final) {
+                break;
+            }
+            if (length <= 0) {
+                length = length == 0 ? static_cast<int>(count - i) : 1;
+                scalar = 0xFFFD;
+            }
+            if (scalar < 0x10000 && reverse.startsExpansion[scalar]) {
+                // Enough text must be at hand to try the longest expansion.
+                if (!final && count - i < reverse.longestExpansion * 4) {
+                    break;
+                }
+                if (const std::size_t matched = matchExpansion(bytes.subspan(i), out); matched > 0) {
+                    i += matched;
+                    continue;
+                }
+            }
+            if (scalar < 0x10000 && reverse.byUnit[scalar] >= 0) {
+                out.push_back(static_cast<std::uint8_t>(reverse.byUnit[scalar]));
+            } else {
+                noteUnwritable(report, scalar);
+                out.push_back(reverse.question);
+            }
+            i += static_cast<std::size_t>(length);
+        }
+        return i;
+    }
+
+    /// Tries the expansions at the start of `bytes`; returns the UTF-8 bytes matched, 0 for none.
+    std::size_t matchExpansion(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out) const {
+        std::u16string units;
+        std::vector<std::size_t> ends;      // UTF-8 length after each unit
+        std::size_t at = 0;
+        while (units.size() < reverse_->longestExpansion && at < bytes.size()) {
+            char32_t scalar = 0;
+            const int length = readUTF8(&bytes[at], bytes.size() - at, scalar);
+            if (length <= 0) {
+                break;
+            }
+            at += static_cast<std::size_t>(length);
+            if (scalar >= 0x10000) {
+                units.push_back(static_cast<char16_t>(0xD800 + ((scalar - 0x10000) >> 10)));
+                ends.push_back(0);
+                units.push_back(static_cast<char16_t>(0xDC00 + ((scalar - 0x10000) & 0x3FF)));
+            } else {
+                units.push_back(static_cast<char16_t>(scalar));
+            }
+            ends.push_back(at);
+        }
+        for (const auto& [expansion, byte] : reverse_->expansions) {
+            if (expansion.size() <= units.size() && units.compare(0, expansion.size(), expansion) == 0 &&
+                ends[expansion.size() - 1] != 0) {
+                out.push_back(byte);
+                return ends[expansion.size() - 1];
+            }
+        }
+        return 0;
+    }
+
+    std::shared_ptr<const ReverseTable> reverse_;
+    bool asciiIdentity_ = true;
+    std::vector<std::uint8_t> held_;
+};
+
+class DoubleByteEncoder final : public Side {
+public:
+    explicit DoubleByteEncoder(const DoubleByteCodec& codec) : codec_(codec) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        reader_.read(in, false, [&](char32_t scalar, std::span<const std::uint8_t>) { appendUnits(scalar); });
+        run(false, out, report);
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        reader_.read({}, true, [&](char32_t scalar, std::span<const std::uint8_t>) { appendUnits(scalar); });
+        run(true, out, report);
+    }
+    [[nodiscard]] std::int64_t pending() const override {
+        return reader_.pending() + static_cast<std::int64_t>(units_.size());
+    }
+
+private:
+    void appendUnits(char32_t scalar) {
+        if (scalar >= 0x10000) {
+            units_.push_back(static_cast<char16_t>(0xD800 + ((scalar - 0x10000) >> 10)));
+            units_.push_back(static_cast<char16_t>(0xDC00 + ((scalar - 0x10000) & 0x3FF)));
+        } else {
+            units_.push_back(static_cast<char16_t>(scalar));
+        }
+    }
+    void run(bool final, std::vector<std::uint8_t>& out, ConversionReport& report) {
+        std::size_t unwritable = 0;
+        lost_.clear();
+        const std::size_t used = codec_.encode(units_, final, out, unwritable, &lost_);
+        units_.erase(0, used);
+        for (char32_t scalar : lost_) {
+            noteUnwritable(report, scalar);
+        }
+    }
+
+    const DoubleByteCodec& codec_;
+    UTF8Reader reader_;
+    std::u16string units_;              // read but not yet written: the start of a possible sequence
+    std::vector<char32_t> lost_;
+};
+
+// MARK: choosing a side
+
+std::unique_ptr<Side> makeSide(const TextEncoding& encoding, bool decoding) {
+    if (const auto width = encoding.unicodeUnitWidth()) {
+        const bool bigEndian = encoding.id.ends_with("be");
+        if (decoding) {
+            return std::make_unique<UTFDecoder>(*width, bigEndian);
+        }
+        return std::make_unique<UTFEncoder>(*width, bigEndian);
+    }
+    if (!encoding.stateful) {
+        if (const Charsets::Entry* entry = Charsets::entry(encoding.id);
+            entry != nullptr && entry->doubleByteCodec != nullptr) {
+            if (decoding) {
+                return std::make_unique<DoubleByteDecoder>(*entry->doubleByteCodec);
+            }
+            return std::make_unique<DoubleByteEncoder>(*entry->doubleByteCodec);
+        }
+    }
+    if (encoding.table) {
+        if (decoding) {
+            return std::make_unique<TableDecoder>(byteTableFor(encoding));
+        }
+        return std::make_unique<TableEncoder>(reverseTableFor(encoding));
+    }
+    if (!encoding.stateful && decoding && encoding.isSingleByte()) {
+        return std::make_unique<TableDecoder>(byteTableFor(encoding));
+    }
+    if (!encoding.stateful && isICUName(encoding.converterName)) {
+        if (ConverterPointer converter = openICU(encoding.converterName)) {
+            return std::make_unique<ICUSide>(std::move(converter), decoding, isStatefulSet(encoding));
+        }
+    }
+    if (!encoding.stateful && encoding.converterName.starts_with("iconv:")) {
+        const std::string name = encoding.converterName.substr(6);
+        const iconv_t descriptor = decoding ? iconv_open("UTF-8", name.c_str()) : iconv_open(name.c_str(), "UTF-8");
+        if (descriptor != reinterpret_cast<iconv_t>(-1)) {
+            return std::make_unique<IconvSide>(descriptor, decoding);
+        }
+    }
+    return std::make_unique<PieceSide>(encoding, decoding);
+}
+
+} // namespace
+
+// MARK: BlockConverter
+
+BlockConverter::BlockConverter(const TextEncoding& from, const TextEncoding& to)
+    : decoder_(isUTF8(from) ? nullptr : makeSide(from, true)), encoder_(isUTF8(to) ? nullptr : makeSide(to, false)) {}
+
+BlockConverter::~BlockConverter() = default;
+BlockConverter::BlockConverter(BlockConverter&&) noexcept = default;
+BlockConverter& BlockConverter::operator=(BlockConverter&&) noexcept = default;
+
+void BlockConverter::convert(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out) {
+    if (!decoder_ && !encoder_) {
+        out.insert(out.end(), bytes.begin(), bytes.end());
+        return;
+    }
+    if (!encoder_) {
+        decoder_->convert(bytes, out, report_);
+        return;
+    }
+    if (!decoder_) {
+        encoder_->convert(bytes, out, report_);
+        return;
+    }
+    middle_.clear();
+    decoder_->convert(bytes, middle_, report_);
+    encoder_->convert(middle_, out, report_);
+}
+
+void BlockConverter::finish(std::vector<std::uint8_t>& out) {
+    if (decoder_ && encoder_) {
+        middle_.clear();
+        decoder_->finish(middle_, report_);
+        encoder_->convert(middle_, out, report_);
+        encoder_->finish(out, report_);
+    } else if (decoder_) {
+        decoder_->finish(out, report_);
+    } else if (encoder_) {
+        encoder_->finish(out, report_);
+    }
+}
+
+std::int64_t BlockConverter::pending() const {
+    return (decoder_ ? decoder_->pending() : 0) + (encoder_ && !decoder_ ? encoder_->pending() : 0);
+}
+
+bool BlockConverter::isAtCleanCut() const {
+    return (!decoder_ || decoder_->isAtCleanCut()) && (!encoder_ || encoder_->isAtCleanCut());
+}
+
+const ConversionReport& BlockConverter::report() const { return report_; }
+
+// MARK: line endings
+
+/// Rewrites line breaks in a stream of bytes, in UTF-8 or an ASCII-compatible set, holding a CR (or
+/// the start of a multi-byte break) at a block's end until the next block says what it is.
+class StreamingConverter::LineRewriter {
+public:
+    enum class Form : std::uint8_t { plain, nelByte, utf8 };
+
+    LineRewriter(Form form, std::uint16_t kinds, std::vector<std::uint8_t> target)
+        : form_(form), kinds_(kinds), target_(std::move(target)) {
+        for (const std::size_t byte : {0x0AUL, 0x0BUL, 0x0CUL, 0x0DUL}) {
+            interesting_[byte] = true;
+        }
+        if (form_ == Form::nelByte) {
+            interesting_[0x85] = true;
+        }
+        if (form_ == Form::utf8) {
+            interesting_[0xC2] = true;
+            interesting_[0xE2] = true;
+        }
+    }
+
+    static std::uint16_t bit(LineEnding ending) { return static_cast<std::uint16_t>(1u << static_cast<unsigned>(ending)); }
+
+    void feed(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, bool final) {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        held_.clear();
+        const std::size_t count = bytes.size();
+        out.reserve(out.size() + count + count / 8);
+        std::size_t runStart = 0;
+        std::size_t i = 0;
+        while (i < count) {
+            if (!interesting_[bytes[i]]) {
+                ++i;
+                continue;
+            }
+            std::size_t length = 0;
+            std::optional<LineEnding> kind;
+            const std::uint8_t byte = bytes[i];
+            const std::size_t left = count - i;
+            bool needMore = false;
+            switch (byte) {
+            case 0x0D:
+                if (left < 2 && !final) {
+                    needMore = true;
+                } else if (left >= 2 && bytes[i + 1] == 0x0A) {
+                    kind = LineEnding::crlf, length = 2;
+                } else {
+                    kind = LineEnding::cr, length = 1;
+                }
+                break;
+            case 0x0A:
+                if (left < 2 && !final) {
+                    needMore = true;
+                } else if (left >= 2 && bytes[i + 1] == 0x0D && !(left >= 3 && bytes[i + 2] == 0x0A)) {
+                    // LF CR, unless the CR begins a CR LF of its own.
+                    kind = LineEnding::lfcr, length = 2;
+                } else if (left == 2 && bytes[i + 1] == 0x0D && !final) {
+                    needMore = true;
+                } else {
+                    kind = LineEnding::lf, length = 1;
+                }
+                break;
+            case 0x0B:
+                kind = LineEnding::vt, length = 1;
+                break;
+            case 0x0C:
+                kind = LineEnding::ff, length = 1;
+                break;
+            case 0x85:
+                kind = LineEnding::nel, length = 1;
+                break;
+            case 0xC2:
+                if (left < 2 && !final) {
+                    needMore = true;
+                } else if (left >= 2 && bytes[i + 1] == 0x85) {
+                    kind = LineEnding::nel, length = 2;
+                }
+                break;
+            case 0xE2:
+                if (left < 3 && !final && (left < 2 || bytes[i + 1] == 0x80)) {
+                    needMore = true;
+                } else if (left >= 3 && bytes[i + 1] == 0x80 && (bytes[i + 2] == 0xA8 || bytes[i + 2] == 0xA9)) {
+                    kind = bytes[i + 2] == 0xA8 ? LineEnding::ls : LineEnding::ps, length = 3;
+                }
+                break;
+            default:
+                break;
+            }
+            if (needMore) {
+                break;
+            }
+            if (!kind) {
+                ++i;
+                continue;
+            }
+            if ((kinds_ & bit(*kind)) != 0) {
+                out.insert(out.end(), bytes.begin() + static_cast<std::ptrdiff_t>(runStart),
+                           bytes.begin() + static_cast<std::ptrdiff_t>(i));
+                out.insert(out.end(), target_.begin(), target_.end());
+                runStart = i + length;
+            }
+            i += length;
+        }
+        out.insert(out.end(), bytes.begin() + static_cast<std::ptrdiff_t>(runStart),
+                   bytes.begin() + static_cast<std::ptrdiff_t>(i));
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.end());
+    }
+
+    [[nodiscard]] std::int64_t held() const { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    Form form_;
+    std::uint16_t kinds_;
+    std::vector<std::uint8_t> target_;
+    std::array<bool, 256> interesting_{};
+    std::vector<std::uint8_t> held_;
+};
+
+namespace {
+
+using LineRewriter = StreamingConverter::LineRewriter;
+
+LineRewriter::Form formFor(const TextEncoding& encoding) {
+    if (isUTF8(encoding)) {
+        return LineRewriter::Form::utf8;
+    }
+    return encoding.readsNELAsOneByte() ? LineRewriter::Form::nelByte : LineRewriter::Form::plain;
+}
+
+std::uint16_t kindsMask(std::span<const LineEnding> kinds) {
+    std::uint16_t mask = 0;
+    for (LineEnding kind : kinds) {
+        mask = static_cast<std::uint16_t>(mask | LineRewriter::bit(kind));
+    }
+    return mask;
+}
+
+// What saving rewrites: the ordinary breaks. NEL, LS, PS and page breaks in the text are characters
+// the document kept on purpose.
+constexpr std::array<LineEnding, 4> savedBreaks = {LineEnding::lf, LineEnding::crlf, LineEnding::cr, LineEnding::lfcr};
+
+std::vector<std::uint8_t> utf8Of(LineEnding ending) {
+    const std::string_view text = utf8Bytes(ending);
+    return {text.begin(), text.end()};
+}
+
+} // namespace
+
+// MARK: StreamingConverter
+
+StreamingConverter::StreamingConverter(const TextEncoding& from, const TextEncoding& to,
+                                       std::optional<LineEnding> lineEnding)
+    : from_(from), to_(to), lineEnding_(lineEnding) {
+    if (!lineEnding_) {
+        passThrough_ = from_ == to_;
+        if (!passThrough_) {
+            first_ = std::make_unique<BlockConverter>(from_, to_);
+        }
+        return;
+    }
+    const LineEnding wanted = spelledIn(*lineEnding_, to_);
+    const std::vector<std::uint8_t> target = bytesIn(wanted, to_);
+    endingSpelledInSource_ = breaksAreBytes(from_) && breaksAreBytes(to_) && bytesIn(wanted, from_) == target &&
+                             (wanted == LineEnding::lf || wanted == LineEnding::crlf || wanted == LineEnding::cr ||
+                              wanted == LineEnding::lfcr || formFor(from_) == formFor(to_));
+    if (endingSpelledInSource_) {
+        rewriter_ = std::make_unique<LineRewriter>(formFor(from_), kindsMask(savedBreaks), target);
+        if (!(from_ == to_)) {
+            first_ = std::make_unique<BlockConverter>(from_, to_);
+        }
+    } else {
+        first_ = std::make_unique<BlockConverter>(from_, TextEncoding::utf8());
+        rewriter_ = std::make_unique<LineRewriter>(LineRewriter::Form::utf8, kindsMask(savedBreaks), utf8Of(wanted));
+        second_ = std::make_unique<BlockConverter>(TextEncoding::utf8(), to_);
+    }
+}
+
+StreamingConverter::~StreamingConverter() = default;
+StreamingConverter::StreamingConverter(StreamingConverter&&) noexcept = default;
+StreamingConverter& StreamingConverter::operator=(StreamingConverter&&) noexcept = default;
+
+std::vector<std::uint8_t> StreamingConverter::convert(std::span<const std::uint8_t> bytes) {
+    std::vector<std::uint8_t> out;
+    if (bytes.empty()) {
+        return out;
+    }
+    if (passThrough_) {
+        out.assign(bytes.begin(), bytes.end());
+        return out;
+    }
+    if (!rewriter_) {
+        first_->convert(bytes, out);
+    } else if (endingSpelledInSource_) {
+        if (first_) {
+            scratch_.clear();
+            rewriter_->feed(bytes, scratch_, false);
+            first_->convert(scratch_, out);
+        } else {
+            rewriter_->feed(bytes, out, false);
+        }
+    } else {
+        scratch_.clear();
+        first_->convert(bytes, scratch_);
+        std::vector<std::uint8_t> rewritten;
+        rewriter_->feed(scratch_, rewritten, false);
+        second_->convert(rewritten, out);
+    }
+    updateReport();
+    return out;
+}
+
+std::vector<std::uint8_t> StreamingConverter::flush() {
+    std::vector<std::uint8_t> out;
+    if (passThrough_) {
+        return out;
+    }
+    if (!rewriter_) {
+        first_->finish(out);
+    } else if (endingSpelledInSource_) {
+        if (first_) {
+            scratch_.clear();
+            rewriter_->feed({}, scratch_, true);
+            first_->convert(scratch_, out);
+            first_->finish(out);
+        } else {
+            rewriter_->feed({}, out, true);
+        }
+    } else {
+        scratch_.clear();
+        first_->finish(scratch_);
+        std::vector<std::uint8_t> rewritten;
+        rewriter_->feed(scratch_, rewritten, true);
+        second_->convert(rewritten, out);
+        second_->finish(out);
+    }
+    updateReport();
+    return out;
+}
+
+std::int64_t StreamingConverter::carry() const {
+    return (rewriter_ ? rewriter_->held() : 0) + (first_ ? first_->pending() : 0) + (second_ ? second_->pending() : 0);
+}
+
+void StreamingConverter::updateReport() {
+    report_ = first_ ? first_->report() : ConversionReport{};
+    if (second_) {
+        const ConversionReport& more = second_->report();
+        report_.invalid += more.invalid;
+        report_.unwritable += more.unwritable;
+        for (const std::string& example : more.unwritableExamples) {
+            if (report_.unwritableExamples.size() < maxExamples) {
+                report_.unwritableExamples.push_back(example);
+            }
+        }
+    }
+}
+
+// MARK: Checkpoints
+
+void Checkpoints::add(std::int64_t copyOffset, std::int64_t fileOffset) {
+    if (!isUsable) {
+        return;
+    }
+    if (copyOffset < 0 || fileOffset < 0 || copyOffset > 0xFFFF'FFFF || fileOffset > 0xFFFF'FFFF) {
+        isUsable = false;
+        return;
+    }
+    const auto copy32 = static_cast<std::uint32_t>(copyOffset);
+    const auto file32 = static_cast<std::uint32_t>(fileOffset);
+    if (!copy.empty() && copy.back() == copy32 && file.back() == file32) {
+        return;
+    }
+    copy.push_back(copy32);
+    file.push_back(file32);
+}
+
+void Checkpoints::append(const Checkpoints& other, ByteRange range, std::int64_t copyOffset, std::int64_t fileOffset) {
+    if (!other.isUsable) {
+        isUsable = false;
+        return;
+    }
+    const auto first = std::lower_bound(other.copy.begin(), other.copy.end(), range.lower);
+    if (first == other.copy.end() || *first != range.lower) {
+        return;
+    }
+    const std::size_t start = static_cast<std::size_t>(first - other.copy.begin());
+    const std::int64_t fileBase = other.file[start];
+    for (std::size_t i = start; i < other.copy.size() && other.copy[i] <= range.upper; ++i) {
+        add(copyOffset + (other.copy[i] - range.lower), fileOffset + (other.file[i] - fileBase));
+    }
+}
+
+std::optional<std::pair<std::int64_t, std::int64_t>> Checkpoints::atOrBefore(std::int64_t copyOffset) const {
+    if (!isUsable || copy.empty() || copyOffset < copy.front()) {
+        return std::nullopt;
+    }
+    const auto after = std::upper_bound(copy.begin(), copy.end(), copyOffset);
+    const std::size_t index = static_cast<std::size_t>(after - copy.begin()) - 1;
+    return std::pair<std::int64_t, std::int64_t>{copy[index], file[index]};
+}
+
+std::optional<std::pair<std::int64_t, std::int64_t>> Checkpoints::atOrAfter(std::int64_t copyOffset) const {
+    if (!isUsable) {
+        return std::nullopt;
+    }
+    const auto found = std::lower_bound(copy.begin(), copy.end(), copyOffset);
+    if (found == copy.end()) {
+        return std::nullopt;
+    }
+    const std::size_t index = static_cast<std::size_t>(found - copy.begin());
+    return std::pair<std::int64_t, std::int64_t>{copy[index], file[index]};
+}
+
+// MARK: Failure
+
+Failure Failure::cannotCreate() { return {Kind::cannotCreate, L("cannot create working copy")}; }
+
+Failure Failure::cannotWrite(const std::filesystem::path& path, int errnoValue) {
+    return {Kind::cannotWrite, L("The working copy %@ could not be written: %@", path.string(), std::strerror(errnoValue))};
+}
+
+Failure Failure::invalidInput(const TextEncoding& encoding, std::int64_t offset) {
+    return {Kind::invalidInput,
+            L("The file is not valid %@: the bytes at offset %ld cannot be read.", encoding.localisedName(), offset)};
+}
+
+// MARK: working copies
+
+namespace {
+
+std::string newUUID() {
+    static std::mutex randomLock;
+    static std::random_device device;
+    static std::mt19937_64 generator(
+        (static_cast<std::uint64_t>(device()) << 32) ^ device() ^
+        static_cast<std::uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()) ^
+        static_cast<std::uint64_t>(::getpid()));   // guarded by randomLock
+    std::array<std::uint8_t, 16> bytes{};
+    {
+        std::lock_guard lock(randomLock);
+        for (std::size_t i = 0; i < 16; i += 8) {
+            const std::uint64_t value = generator();
+            std::memcpy(bytes.data() + i, &value, 8);
+        }
+    }
+    bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0F) | 0x40);
+    bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3F) | 0x80);
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string text;
+    for (std::size_t i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) {
+            text.push_back('-');
+        }
+        text.push_back(digits[bytes[i] >> 4]);
+        text.push_back(digits[bytes[i] & 0x0F]);
+    }
+    return text;
+}
+
+constexpr std::string_view copySuffix = ".utf8";
+constexpr std::string_view partialSuffix = ".partial";
+
+void ensureDirectory(const std::filesystem::path& directory) {
+    std::error_code error;
+    std::filesystem::create_directories(directory, error);
+    if (error || !std::filesystem::is_directory(directory)) {
+        throw Failure::cannotCreate();
+    }
+}
+
+/// A file being written: the descriptor is closed on every path, and unless `commit` was reached the
+/// file is removed, so a failed or cancelled conversion leaves nothing behind.
+class CopyWriter {
+public:
+    explicit CopyWriter(std::filesystem::path finalPath)
+        : finalPath_(std::move(finalPath)), path_(finalPath_.string() + std::string(partialSuffix)) {
+        descriptor_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (descriptor_ < 0) {
+            throw Failure::cannotCreate();
+        }
+    }
+    ~CopyWriter() {
+        if (descriptor_ >= 0) {
+            ::close(descriptor_);
+        }
+        if (!committed_) {
+            std::error_code ignored;
+            std::filesystem::remove(path_, ignored);
+        }
+    }
+    CopyWriter(const CopyWriter&) = delete;
+    CopyWriter& operator=(const CopyWriter&) = delete;
+
+    void write(std::span<const std::uint8_t> bytes) {
+        const std::uint8_t* data = bytes.data();
+        std::size_t left = bytes.size();
+        while (left > 0) {
+            const ssize_t written = ::write(descriptor_, data, left);
+            if (written < 0) {
+                if (errno == EINTR) {
+                    continue;
+                }
+                throw Failure::cannotWrite(finalPath_, errno);
+            }
+            data += written;
+            left -= static_cast<std::size_t>(written);
+        }
+        written_ += static_cast<std::int64_t>(bytes.size());
+    }
+
+    /// Synchronises, closes and gives the copy its final name.
+    std::filesystem::path commit() {
+        if (::fsync(descriptor_) != 0) {
+            throw Failure::cannotWrite(finalPath_, errno);
+        }
+        const int descriptor = descriptor_;
+        descriptor_ = -1;
+        if (::close(descriptor) != 0) {
+            throw Failure::cannotWrite(finalPath_, errno);
+        }
+        if (::rename(path_.c_str(), finalPath_.c_str()) != 0) {
+            throw Failure::cannotWrite(finalPath_, errno);
+        }
+        committed_ = true;
+        return finalPath_;
+    }
+
+    [[nodiscard]] std::int64_t written() const { return written_; }
+
+private:
+    std::filesystem::path finalPath_;
+    std::string path_;
+    int descriptor_ = -1;
+    bool committed_ = false;
+    std::int64_t written_ = 0;
+};
+
+std::filesystem::path newCopyPath() {
+    const std::filesystem::path directory = workingCopiesDirectory();
+    ensureDirectory(directory);
+    return directory / (newUUID() + std::string(copySuffix));
+}
+
+bool startsWith(const ByteSource& source, std::span<const std::uint8_t> prefix) {
+    if (prefix.empty() || source.count() < static_cast<std::int64_t>(prefix.size())) {
+        return false;
+    }
+    const std::vector<std::uint8_t> head = source.data({0, static_cast<std::int64_t>(prefix.size())});
+    return std::equal(prefix.begin(), prefix.end(), head.begin(), head.end());
+}
+
+/// Reads `source` in blocks from `start` and hands each to `body`; checks cancellation between blocks.
+/// Returns false when cancelled.
+template <typename Body>
+bool forEachBlock(const ByteSource& source, std::int64_t start, const TranscodeOptions& options, Body&& body) {
+    const std::int64_t total = source.count();
+    const std::int64_t size = std::max<std::int64_t>(options.blockSize, 1);
+    std::vector<std::uint8_t> block(static_cast<std::size_t>(std::min(size, std::max<std::int64_t>(total - start, 0))));
+    for (std::int64_t offset = start; offset < total; offset += size) {
+        if (options.isCancelled && options.isCancelled()) {
+            return false;
+        }
+        const std::int64_t length = std::min(size, total - offset);
+        if (offset + length > source.readableCount()) {
+            throw BrimError(L("The file changed while it was being read."));
+        }
+        block.resize(static_cast<std::size_t>(length));
+        source.read({offset, offset + length}, block.data());
+        body(std::span<const std::uint8_t>(block), offset + length);
+        if (options.progress) {
+            options.progress(static_cast<double>(offset + length - start) / static_cast<double>(std::max<std::int64_t>(total - start, 1)));
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+std::filesystem::path workingCopiesDirectory() { return UserResources::root() / "WorkingCopies"; }
+
+std::filesystem::path makeWorkingCopy() {
+    const std::filesystem::path path = newCopyPath();
+    const int descriptor = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor < 0) {
+        throw Failure::cannotCreate();
+    }
+    ::close(descriptor);
+    return path;
+}
+
+std::filesystem::path writeWorkingCopy(std::span<const std::uint8_t> bytes) {
+    CopyWriter writer(newCopyPath());
+    writer.write(bytes);
+    return writer.commit();
+}
+
+TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEncoding& from,
+                                        const TranscodeOptions& options) {
+    CopyWriter writer(newCopyPath());
+    std::int64_t start = 0;
+    if (options.stripBOM && startsWith(source, from.bom())) {
+        start = static_cast<std::int64_t>(from.bom().size());
+    }
+    BlockConverter converter(from, TextEncoding::utf8());
+    const bool stateful = isStatefulSet(from);
+    if (options.checkpoints != nullptr) {
+        options.checkpoints->add(0, start);
+        if (stateful) {
+            // A shift state may be in force at any block edge: no stretch can be copied on its own.
+            options.checkpoints->isUsable = false;
+        }
+    }
+    std::vector<std::uint8_t> out;
+    auto check = [&] {
+        if (!options.substituting && converter.report().invalid > 0) {
+            throw Failure::invalidInput(from, converter.report().firstInvalidOffset.value_or(0) + start);
+        }
+    };
+    const bool finished = forEachBlock(source, start, options, [&](std::span<const std::uint8_t> block, std::int64_t end) {
+        out.clear();
+        converter.convert(block, out);
+        check();
+        writer.write(out);
+        if (options.checkpoints != nullptr && converter.isAtCleanCut()) {
+            options.checkpoints->add(writer.written(), end - converter.pending());
+        }
+    });
+    TranscodeOutcome outcome;
+    if (!finished) {
+        outcome.cancelled = true;
+        outcome.report = converter.report();
+        return outcome;     // the writer removes the half-made copy
+    }
+    out.clear();
+    converter.finish(out);
+    check();
+    writer.write(out);
+    if (options.checkpoints != nullptr) {
+        options.checkpoints->add(writer.written(), source.count());
+    }
+    outcome.bytesWritten = writer.written();
+    outcome.report = converter.report();
+    outcome.workingCopy = writer.commit();
+    return outcome;
+}
+
+TranscodeOutcome normalizeBreaksToWorkingCopy(const ByteSource& source, std::span<const LineEnding> kinds,
+                                              const TextEncoding& encoding, const TranscodeOptions& options) {
+    CopyWriter writer(newCopyPath());
+    const std::uint16_t mask = kindsMask(kinds);
+    std::vector<std::uint8_t> out;
+    TranscodeOutcome outcome;
+    bool finished = false;
+    if (breaksAreBytes(encoding)) {
+        LineRewriter rewriter(formFor(encoding), mask, bytesIn(LineEnding::lf, encoding));
+        finished = forEachBlock(source, 0, options, [&](std::span<const std::uint8_t> block, std::int64_t) {
+            out.clear();
+            rewriter.feed(block, out, false);
+            writer.write(out);
+        });
+        if (finished) {
+            out.clear();
+            rewriter.feed({}, out, true);
+            writer.write(out);
+        }
+    } else {
+        // Breaks are found in the text: decode, rewrite, and encode back to the same set.
+        BlockConverter decoder(encoding, TextEncoding::utf8());
+        BlockConverter encoder(TextEncoding::utf8(), encoding);
+        LineRewriter rewriter(LineRewriter::Form::utf8, mask, utf8Of(LineEnding::lf));
+        std::vector<std::uint8_t> text;
+        std::vector<std::uint8_t> rewritten;
+        auto step = [&](std::span<const std::uint8_t> block, bool final) {
+            text.clear();
+            rewritten.clear();
+            out.clear();
+            if (final) {
+                decoder.finish(text);
+            } else {
+                decoder.convert(block, text);
+            }
+            rewriter.feed(text, rewritten, final);
+            encoder.convert(rewritten, out);
+            if (final) {
+                encoder.finish(out);
+            }
+            writer.write(out);
+        };
+        finished = forEachBlock(source, 0, options,
+                                [&](std::span<const std::uint8_t> block, std::int64_t) { step(block, false); });
+        if (finished) {
+            step({}, true);
+        }
+        outcome.report = decoder.report();
+        outcome.report.unwritable = encoder.report().unwritable;
+    }
+    if (!finished) {
+        outcome.cancelled = true;
+        return outcome;
+    }
+    outcome.bytesWritten = writer.written();
+    outcome.workingCopy = writer.commit();
+    return outcome;
+}
+
+std::vector<std::uint8_t> normalizeLineEndings(std::span<const std::uint8_t> bytes, LineEnding to,
+                                               const TextEncoding& encoding, bool treatingPageBreaksAsLines) {
+    std::vector<LineEnding> kinds = {LineEnding::lf, LineEnding::crlf, LineEnding::cr, LineEnding::nel,
+                                     LineEnding::ls, LineEnding::ps, LineEnding::lfcr};
+    if (treatingPageBreaksAsLines) {
+        kinds.push_back(LineEnding::vt);
+        kinds.push_back(LineEnding::ff);
+    }
+    const std::uint16_t mask = kindsMask(kinds);
+    std::vector<std::uint8_t> out;
+    if (breaksAreBytes(encoding)) {
+        LineRewriter rewriter(formFor(encoding), mask, bytesIn(to, encoding));
+        rewriter.feed(bytes, out, true);
+        return out;
+    }
+    BlockConverter decoder(encoding, TextEncoding::utf8());
+    std::vector<std::uint8_t> text;
+    decoder.convert(bytes, text);
+    decoder.finish(text);
+    std::vector<std::uint8_t> rewritten;
+    LineRewriter rewriter(LineRewriter::Form::utf8, mask, utf8Of(spelledIn(to, encoding)));
+    rewriter.feed(text, rewritten, true);
+    BlockConverter encoder(TextEncoding::utf8(), encoding);
+    encoder.convert(rewritten, out);
+    encoder.finish(out);
+    return out;
+}
+
+std::size_t safeCut(std::span<const std::uint8_t> bytes) {
+    const std::size_t count = bytes.size();
+    const std::size_t floor = count > 16 ? count - 16 : 0;
+    for (std::size_t i = count; i > floor; --i) {
+        const std::uint8_t byte = bytes[i - 1];
+        if (byte < 0x80 && (byte < 0x0A || byte > 0x0D)) {
+            return i;
+        }
+    }
+    if (count < 4) {
+        return 0;
+    }
+    // Back over up to three continuation bytes to the lead byte of the last character.
+    std::size_t cut = count;
+    for (int steps = 0; steps < 4 && cut > 0; ++steps) {
+        --cut;
+        if ((bytes[cut] & 0xC0) != 0x80) {
+            break;
+        }
+    }
+    // Then off any CR or LF next to its partner.
+    while (cut > 0 && (bytes[cut - 1] == 0x0D || bytes[cut - 1] == 0x0A) &&
+           (cut == count || bytes[cut] == 0x0A || bytes[cut] == 0x0D)) {
+        --cut;
+    }
+    return cut;
+}
+
+// MARK: abandoned working copies
+
+namespace {
+
+/// Every file below `directory` that some process of ours has open or mapped.
+std::set<std::string> filesHeldOpen(const std::filesystem::path& directory) {
+    std::set<std::string> held;
+    std::error_code error;
+    const std::string prefix = std::filesystem::weakly_canonical(directory, error).string() + "/";
+    for (const auto& process : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string name = process.path().filename().string();
+        if (name.empty() || name.find_first_not_of("0123456789") != std::string::npos) {
+            continue;
+        }
+        std::error_code ignored;
+        for (const auto& descriptor : std::filesystem::directory_iterator(process.path() / "fd", ignored)) {
+            std::error_code linkError;
+            const std::string target = std::filesystem::read_symlink(descriptor.path(), linkError).string();
+            if (!linkError && target.starts_with(prefix)) {
+                held.insert(target);
+            }
+        }
+        std::ifstream maps(process.path() / "maps");
+        std::string line;
+        while (std::getline(maps, line)) {
+            if (const auto at = line.find(prefix); at != std::string::npos) {
+                std::string path = line.substr(at);
+                if (path.ends_with(" (deleted)")) {
+                    continue;
+                }
+                held.insert(path);
+            }
+        }
+    }
+    return held;
+}
+
+} // namespace
+
+std::vector<std::filesystem::path> abandonedWorkingCopies(std::chrono::seconds olderThan) {
+    std::vector<std::filesystem::path> abandoned;
+    const std::filesystem::path directory = workingCopiesDirectory();
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error)) {
+        return abandoned;
+    }
+    const std::set<std::string> held = filesHeldOpen(directory);
+    const auto now = std::filesystem::file_time_type::clock::now();
+    const std::string canonicalDirectory = std::filesystem::weakly_canonical(directory, error).string();
+    for (const auto& item : std::filesystem::directory_iterator(directory, error)) {
+        std::error_code itemError;
+        if (!item.is_regular_file(itemError)) {
+            continue;
+        }
+        const std::string name = item.path().filename().string();
+        if (!name.ends_with(copySuffix) && !name.ends_with(std::string(copySuffix) + std::string(partialSuffix))) {
+            continue;
+        }
+        const auto modified = item.last_write_time(itemError);
+        if (itemError || now - modified < olderThan) {
+            continue;
+        }
+        if (held.contains(canonicalDirectory + "/" + name)) {
+            continue;
+        }
+        abandoned.push_back(item.path());
+    }
+    std::sort(abandoned.begin(), abandoned.end());
+    return abandoned;
+}
+
+std::size_t removeAbandonedWorkingCopies(std::chrono::seconds olderThan) {
+    std::size_t removed = 0;
+    for (const std::filesystem::path& path : abandonedWorkingCopies(olderThan)) {
+        std::error_code error;
+        if (std::filesystem::remove(path, error)) {
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+} // namespace brim::Transcoder
