@@ -1,0 +1,427 @@
+#include "charsets/EncodingScorer.h"
+
+#include "charsets/UnicodeText.h"
+
+#include <unicode/uchar.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <map>
+#include <mutex>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace brim::EncodingScorer {
+
+namespace {
+
+// MARK: tables
+
+constexpr std::string_view westernLetters = "àâäãåæçèêëìîïñòôöõøùûüÿßÀÂÄÃÅÆÇÈÊËÌÎÏÑÒÔÖÕØÙÛÜ";
+constexpr std::string_view centralLetters = "ąćęłńśźżčďěňřšťůžőűĺľŕđĉĄĆĘŁŃŚŹŻČĎĚŇŘŠŤŮŽŐŰ";
+constexpr std::string_view turkishLetters = "ğışĞİŞ";
+constexpr std::string_view balticLetters = "āēģīķļņūėįųżĀĒĢĪĶĻŅŪĖĮŲ";
+constexpr std::string_view sharedLetters = "áéíóúýâêôÁÉÍÓÚÝ";
+constexpr std::string_view rareLetters = "ŸŒœƒÞþÐðıĸŉſ";
+constexpr char32_t openingMarks[] = {0x00BF, 0x00A1, 0x00AB, 0x2039, 0x201E, 0x201C, 0x2018};
+constexpr char32_t closingMarks[] = {0x00BB, 0x203A, 0x201D, 0x2019, 0x2026, 0x2030};
+constexpr char32_t plausibleSymbols[] = {
+    0x00AB, 0x00BB, 0x2013, 0x2014, 0x2018, 0x2019, 0x201C, 0x201D, 0x201E, 0x2026, 0x2022,
+    0x00B7, 0x00B0, 0x00A7, 0x00A9, 0x00AE, 0x20AC, 0x00A3, 0x00A5, 0x00A2, 0x00B1, 0x00D7,
+    0x00F7, 0x00A1, 0x00BF, 0x2039, 0x203A, 0x2122, 0x2030, 0x2020, 0x2021, 0x00B5};
+constexpr std::string_view russianLetters = "оеаинтсрвлкмдпуяыьгзбчйх";
+constexpr double russianPercent[] = {11.0, 8.5, 8.0, 7.4, 6.7, 6.3, 5.5, 4.7, 4.5, 4.3, 3.5, 3.2,
+                                     3.0,  2.8, 2.6, 2.0, 1.9, 1.7, 1.7, 1.6, 1.6, 1.5, 1.2, 1.0};
+constexpr std::string_view simplifiedOnly = "这个们国说时会对后学电车门见长马书东关无发现义头让语边样还过两从业点为产话员认识";
+constexpr std::string_view traditionalOnly = "這個們國說時會對後學電車門見長馬書東關無發現義頭讓語邊樣還過兩從業點為產話員認識";
+constexpr std::string_view commonChinese =
+    "的一是不了人在有我他这這个個们們中来來上大为為和国國地到以说說时時要就出会會可也你对對生能而子那得于於着著下自之"
+    "年过過发發后後作里裡用道行所然家种種事成方多经經么麼去法学學如都同现現当當没沒动動面起看定天分还還进進好小部其些"
+    "主样樣理心她本前开開但因只从從想实實日者意无無力它与與长長把机機十民第公此已工使情明性知全三又关關点點正业業外将"
+    "將两兩高间間由问問很最重并並物手应應头頭文体體美相见見被利什二等产產或新己身果加西月话話合回特代内內信表化老给給"
+    "世位次度门門任常先海通教儿兒原东東声聲提立及比员員解水名真论論处處走各入几幾口认認平气氣题題更别別打女变變四总"
+    "總何电電数數安少报報才结結反受目太量再感建做接必场場";
+constexpr std::string_view commonKorean =
+    "이다는의에가을하고지서기도로사리한대자어나들수인아있게시정일해적전요것으니를구보부제상주만은성라면거우여위경까국방"
+    "과문동장년소비계개내원신연세없공되발화오러생스저결행무말음모교치미조중른할했합습니까요네안녕감사해요세요그러면우리"
+    "너나한국사람";
+
+constexpr std::size_t profileLimit = 20'000;
+
+// Group of each scalar below U+0200, where every letter of the tables lies; 0 is none, 1 + group
+// otherwise, and `rare` marks the rare letters.
+struct LetterTables {
+    std::array<std::uint8_t, 0x200> group{};
+    std::array<bool, 0x200> rare{};
+    std::unordered_map<char32_t, double> russian;
+    std::unordered_set<char32_t> simplified, traditional, chinese, korean;
+};
+
+const LetterTables& tables() {
+    static const LetterTables built = [] {
+        LetterTables t;
+        auto mark = [&](std::string_view letters, LetterGroup which) {
+            for (const char32_t c : UnicodeText::toScalars(letters)) {
+                if (c < t.group.size() && t.group[c] == 0) t.group[c] = static_cast<std::uint8_t>(1 + static_cast<int>(which));
+            }
+        };
+        // The order of testing: shared, western, central, Turkish, Baltic; a letter in two keeps the first.
+        mark(sharedLetters, LetterGroup::shared);
+        mark(westernLetters, LetterGroup::western);
+        mark(centralLetters, LetterGroup::central);
+        mark(turkishLetters, LetterGroup::turkish);
+        mark(balticLetters, LetterGroup::baltic);
+        for (const char32_t c : UnicodeText::toScalars(rareLetters)) {
+            if (c < t.rare.size()) t.rare[c] = true;
+        }
+        const auto russian = UnicodeText::toScalars(russianLetters);
+        for (std::size_t i = 0; i < russian.size(); ++i) t.russian[russian[i]] = russianPercent[i];
+        for (const char32_t c : UnicodeText::toScalars(simplifiedOnly)) t.simplified.insert(c);
+        for (const char32_t c : UnicodeText::toScalars(traditionalOnly)) t.traditional.insert(c);
+        for (const char32_t c : UnicodeText::toScalars(commonChinese)) t.chinese.insert(c);
+        for (const char32_t c : UnicodeText::toScalars(commonKorean)) t.korean.insert(c);
+        return t;
+    }();
+    return built;
+}
+
+bool contains(std::span<const char32_t> set, char32_t c) { return std::find(set.begin(), set.end(), c) != set.end(); }
+
+// MARK: grapheme clusters
+
+// Where each cluster begins: extended grapheme clusters as far as a score needs them (marks, joiners
+// and spacing marks stay with their base, CR LF is one, Hangul jamo join, flags pair).
+std::vector<std::uint32_t> clusterStarts(std::u32string_view text) {
+    std::vector<std::uint32_t> starts;
+    starts.reserve(text.size());
+    int previousBreak = -1;
+    bool afterPictographicJoiner = false;
+    bool pictographicRun = false;
+    int regionalCount = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char32_t c = text[i];
+        int kind = U_GCB_OTHER;
+        if (c >= 0x20 && c < 0x7F) {
+            kind = U_GCB_OTHER;
+        } else {
+            kind = u_getIntPropertyValue(static_cast<UChar32>(c), UCHAR_GRAPHEME_CLUSTER_BREAK);
+        }
+        bool join = false;
+        if (i > 0) {
+            const int p = previousBreak;
+            if (p == U_GCB_CR && kind == U_GCB_LF) {
+                join = true;
+            } else if (p == U_GCB_CONTROL || p == U_GCB_CR || p == U_GCB_LF) {
+                join = false;
+            } else if (kind == U_GCB_CONTROL || kind == U_GCB_CR || kind == U_GCB_LF) {
+                join = false;
+            } else if (p == U_GCB_L && (kind == U_GCB_L || kind == U_GCB_V || kind == U_GCB_LV || kind == U_GCB_LVT)) {
+                join = true;
+            } else if ((p == U_GCB_LV || p == U_GCB_V) && (kind == U_GCB_V || kind == U_GCB_T)) {
+                join = true;
+            } else if ((p == U_GCB_LVT || p == U_GCB_T) && kind == U_GCB_T) {
+                join = true;
+            } else if (kind == U_GCB_EXTEND || kind == U_GCB_ZWJ || kind == U_GCB_SPACING_MARK || p == U_GCB_PREPEND) {
+                join = true;
+            } else if (afterPictographicJoiner && u_hasBinaryProperty(static_cast<UChar32>(c), UCHAR_EXTENDED_PICTOGRAPHIC)) {
+                join = true;
+            } else if (p == U_GCB_REGIONAL_INDICATOR && kind == U_GCB_REGIONAL_INDICATOR && regionalCount % 2 == 1) {
+                join = true;
+            }
+        }
+        if (!join) starts.push_back(static_cast<std::uint32_t>(i));
+        const bool pictographic = u_hasBinaryProperty(static_cast<UChar32>(c), UCHAR_EXTENDED_PICTOGRAPHIC);
+        if (!join) pictographicRun = pictographic;
+        afterPictographicJoiner = pictographicRun && kind == U_GCB_ZWJ;
+        if (kind != U_GCB_EXTEND && kind != U_GCB_ZWJ && !pictographic) pictographicRun = false;
+        regionalCount = kind == U_GCB_REGIONAL_INDICATOR ? (join ? regionalCount + 1 : 1) : 0;
+        previousBreak = kind;
+    }
+    return starts;
+}
+
+enum class Script : std::uint8_t { none, latin, greek, cyrillic, other };
+
+struct Character {
+    char32_t first = ' ';
+    std::uint32_t length = 1;
+    bool letter = false;
+    bool lower = false;
+    bool upper = false;
+    bool spaceOrPunctuation = false;
+    Script script = Script::none;
+};
+
+Character describe(std::u32string_view text, std::uint32_t start, std::uint32_t end) {
+    Character c;
+    c.first = text[start];
+    c.length = end - start;
+    const auto scalar = static_cast<UChar32>(c.first);
+    if (c.first < 0x80) {
+        c.letter = (c.first >= 'a' && c.first <= 'z') || (c.first >= 'A' && c.first <= 'Z');
+        c.lower = c.first >= 'a' && c.first <= 'z';
+        c.upper = c.first >= 'A' && c.first <= 'Z';
+        c.spaceOrPunctuation = c.first == ' ' || c.first == '\t' || c.first == '\n' || c.first == '\r' ||
+                               c.first == 0x0B || c.first == 0x0C || (U_GET_GC_MASK(scalar) & U_GC_P_MASK) != 0;
+    } else {
+        const std::uint32_t mask = U_GET_GC_MASK(scalar);
+        c.letter = (mask & U_GC_L_MASK) != 0;
+        c.lower = u_isULowercase(scalar);
+        c.upper = u_isUUppercase(scalar);
+        c.spaceOrPunctuation = u_isUWhiteSpace(scalar) || (mask & U_GC_P_MASK) != 0;
+    }
+    if (c.letter) {
+        c.script = c.first < 0x370 ? Script::latin
+                   : c.first < 0x400 ? Script::greek
+                   : c.first < 0x500 ? Script::cyrillic
+                                     : Script::other;
+    }
+    return c;
+}
+
+// MARK: single-byte readings
+
+struct ByteScalars {
+    std::array<char32_t, 256> scalar{};
+    std::array<bool, 256> assigned{};
+};
+
+// For a set of one byte per scalar, the reading of each byte, built once per set.
+std::shared_ptr<const ByteScalars> byteScalars(const TextEncoding& encoding) {
+    static std::mutex lock;
+    static std::map<std::string, std::shared_ptr<const ByteScalars>> built;   // guarded by lock
+    const std::string key = encoding.id + "\x1F" + encoding.converterName + "\x1F" +
+                            std::to_string(reinterpret_cast<std::uintptr_t>(encoding.table.get()));
+    {
+        std::lock_guard guard(lock);
+        if (const auto found = built.find(key); found != built.end()) return found->second;
+    }
+    auto readings = std::make_shared<ByteScalars>();
+    for (std::size_t b = 0; b < 256; ++b) {
+        const std::uint8_t byte = static_cast<std::uint8_t>(b);
+        const auto text = encoding.decodeStrictly(std::span(&byte, 1));
+        if (!text) continue;
+        const auto scalars = UnicodeText::toScalars(*text);
+        if (scalars.size() != 1 || (encoding.table && scalars[0] == 0xFFFD)) continue;
+        readings->scalar[b] = scalars[0];
+        readings->assigned[b] = true;
+    }
+    std::lock_guard guard(lock);
+    built.emplace(key, readings);
+    return readings;
+}
+
+std::size_t tieRank(const TextEncoding& encoding) {
+    const auto& order = tieOrder();
+    const auto found = std::find(order.begin(), order.end(), encoding.id);
+    return static_cast<std::size_t>(found - order.begin());
+}
+
+} // namespace
+
+const std::vector<std::string>& tieOrder() {
+    static const std::vector<std::string> order = {"utf8",   "cp1252", "latin1", "latin9", "macroman",
+                                                   "cp1250", "latin2", "cp1251", "koi8r",  "cp1253",
+                                                   "cp1254", "cp1257", "cp850",  "cp437"};
+    return order;
+}
+
+std::optional<LetterGroup> group(char32_t letter) {
+    const auto& t = tables();
+    if (letter >= t.group.size() || t.group[letter] == 0) return std::nullopt;
+    return static_cast<LetterGroup>(t.group[letter] - 1);
+}
+
+std::optional<std::u32string> readingForScore(std::span<const std::uint8_t> bytes, const TextEncoding& encoding) {
+    if (encoding.isSingleByte()) {
+        const auto readings = byteScalars(encoding);
+        std::u32string text(bytes.size(), U'\0');
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            if (!readings->assigned[bytes[i]]) {
+                // A table reads an unassigned byte as U+FFFD; a system converter refuses it.
+                if (!encoding.table) return std::nullopt;
+                text[i] = U'\uFFFD';
+                continue;
+            }
+            text[i] = readings->scalar[bytes[i]];
+        }
+        return text;
+    }
+    if (encoding.table || encoding.stateful) return UnicodeText::toScalars(encoding.decodeToUTF16(bytes));
+    for (std::size_t drop = 0; drop <= 3 && drop < bytes.size(); ++drop) {
+        if (const auto text = encoding.decodeStrictly(bytes.first(bytes.size() - drop))) return UnicodeText::toScalars(*text);
+    }
+    return std::nullopt;
+}
+
+std::optional<double> score(std::u32string_view text) {
+    const auto starts = clusterStarts(text);
+    if (starts.empty()) return std::nullopt;
+    const auto& t = tables();
+    const std::size_t count = starts.size();
+    auto characterAt = [&](std::size_t index) {
+        const std::uint32_t end = index + 1 < count ? starts[index + 1] : static_cast<std::uint32_t>(text.size());
+        return describe(text, starts[index], end);
+    };
+    const Character space;
+    double total = 0;
+    std::int64_t counted = 0;
+    std::int64_t cyrillic = 0;
+    double frequency = 0;
+    std::array<std::int64_t, 4> groups{};   // western, central, Turkish, Baltic
+
+    // A sliding window of three characters: the one before the previous, the previous and the current.
+    Character beforePrevious = space;
+    Character previous = space;
+    Character current = count > 0 ? characterAt(0) : space;
+    for (std::size_t index = 0; index < count; ++index) {
+        const Character next = index + 1 < count ? characterAt(index + 1) : space;
+        const Character c = current;
+        const std::uint32_t start = starts[index];
+        const bool skipped = (c.length == 1 && c.first < 0x80) || (c.length == 2 && c.first == '\r' && text[start + 1] == '\n');
+        if (!skipped) {
+            ++counted;
+            const bool nearLetter = previous.letter || next.letter;
+            const bool inWord = previous.letter && next.letter;
+            bool replacement = false;
+            bool control = false;
+            for (std::uint32_t k = 0; k < c.length; ++k) {
+                const char32_t s = text[start + k];
+                replacement = replacement || s == 0xFFFD;
+                control = control || s < 0x20 || (s >= 0x7F && s < 0xA0);
+            }
+            if (replacement || control) {
+                total -= 20;
+            } else if (!c.letter) {
+                if (c.length == 1 && contains(plausibleSymbols, c.first)) {
+                    if (contains(openingMarks, c.first) && next.letter && !previous.letter) {
+                        total += 3;
+                    } else if (contains(closingMarks, c.first) && previous.letter && !next.letter) {
+                        total += 3;
+                    } else {
+                        total += inWord ? -4 : 1;
+                    }
+                } else if (c.spaceOrPunctuation) {
+                    total += inWord ? -3 : 0.5;
+                } else {
+                    total -= 1;
+                }
+            } else {
+                if (c.lower && next.letter && next.upper) total -= 10;
+                if (c.upper && previous.letter && previous.lower) total -= 10;
+                const bool sameScript = (previous.letter && previous.script == c.script) ||
+                                        (next.letter && next.script == c.script);
+                if (c.script == Script::greek || c.script == Script::cyrillic) {
+                    total += sameScript ? 5 : -4;
+                    if (c.script == Script::cyrillic) {
+                        ++cyrillic;
+                        const auto found = t.russian.find(static_cast<char32_t>(u_tolower(static_cast<UChar32>(c.first))));
+                        if (found != t.russian.end()) frequency += found->second;
+                    }
+                } else if (c.script == Script::other) {
+                    total += sameScript ? 3 : 0;
+                } else {
+                    const auto letterGroup = c.length == 1 ? group(c.first) : std::nullopt;
+                    if (!letterGroup) {
+                        if (c.length == 1 && c.first < t.rare.size() && t.rare[c.first]) {
+                            total -= 2;
+                        } else {
+                            total += nearLetter ? 2 : 1;
+                        }
+                    } else {
+                        total += nearLetter ? 6 : 4;
+                        if (*letterGroup != LetterGroup::shared) ++groups[static_cast<std::size_t>(*letterGroup)];
+                    }
+                    if (!nearLetter) total -= 4;
+                    const auto accentedLatin = [](const Character& x) {
+                        return x.letter && x.script == Script::latin && x.first >= 0x80;
+                    };
+                    if (index >= 2 && accentedLatin(previous) && accentedLatin(beforePrevious)) total -= 8;
+                }
+            }
+        }
+        beforePrevious = previous;
+        previous = current;
+        current = next;
+    }
+    if (counted == 0) return std::nullopt;
+    std::int64_t sum = 0;
+    std::int64_t top = 0;
+    for (const auto n : groups) {
+        sum += n;
+        top = std::max(top, n);
+    }
+    if (top > 0) total += static_cast<double>(std::min<std::int64_t>(top, 3)) * 1.5 - 6.0 * static_cast<double>(sum - top);
+    if (cyrillic >= 5) {
+        const auto letters = static_cast<double>(cyrillic);
+        return (total + (frequency / letters - 4.5) * 1.2 * letters) / static_cast<double>(counted);
+    }
+    return total / static_cast<double>(counted);
+}
+
+std::optional<double> score(std::span<const std::uint8_t> bytes, const TextEncoding& encoding) {
+    const auto text = readingForScore(bytes, encoding);
+    if (!text) return std::nullopt;
+    return score(std::u32string_view(*text));
+}
+
+std::optional<Scored> best(std::span<const std::uint8_t> bytes, std::span<const TextEncoding> candidates) {
+    std::optional<Scored> chosen;
+    for (const auto& candidate : candidates) {
+        const auto value = score(bytes, candidate);
+        if (!value) continue;
+        if (!chosen) {
+            chosen = Scored{candidate, *value};
+        } else if (*value > chosen->score + 0.1) {
+            chosen = Scored{candidate, *value};
+        } else if (std::fabs(*value - chosen->score) <= 0.1 && tieRank(candidate) < tieRank(chosen->encoding)) {
+            chosen = Scored{candidate, *value};
+        }
+    }
+    return chosen;
+}
+
+std::optional<TextEncoding> closeSecond(std::span<const std::uint8_t> bytes, std::span<const TextEncoding> candidates,
+                                        const Scored& chosen) {
+    const auto bestText = readingForScore(bytes, chosen.encoding);
+    std::optional<Scored> second;
+    for (const auto& candidate : candidates) {
+        if (candidate == chosen.encoding) continue;
+        const auto value = score(bytes, candidate);
+        if (!value || *value < chosen.score - 1.0) continue;
+        if (readingForScore(bytes, candidate) == bestText) continue;
+        if (!second || *value > second->score) second = Scored{candidate, *value};
+    }
+    if (!second) return std::nullopt;
+    return second->encoding;
+}
+
+ChineseForms chineseForms(std::u32string_view text) {
+    const auto& t = tables();
+    ChineseForms forms;
+    const std::size_t limit = std::min(text.size(), profileLimit);
+    for (std::size_t i = 0; i < limit; ++i) {
+        if (t.simplified.contains(text[i])) ++forms.simplified;
+        if (t.traditional.contains(text[i])) ++forms.traditional;
+    }
+    return forms;
+}
+
+double commonShare(std::u32string_view text, CommonSet set) {
+    const auto& t = tables();
+    const auto& common = set == CommonSet::chinese ? t.chinese : t.korean;
+    std::int64_t total = 0;
+    std::int64_t inSet = 0;
+    const std::size_t limit = std::min(text.size(), profileLimit);
+    for (std::size_t i = 0; i < limit; ++i) {
+        const char32_t c = text[i];
+        const bool counted = (c >= 0x3400 && c <= 0x4DBF) || (c >= 0x4E00 && c <= 0x9FFF) || (c >= 0xAC00 && c <= 0xD7AF);
+        if (!counted) continue;
+        ++total;
+        if (common.contains(c)) ++inSet;
+    }
+    return total == 0 ? 0.0 : static_cast<double>(inSet) / static_cast<double>(total);
+}
+
+} // namespace brim::EncodingScorer
