@@ -1,0 +1,362 @@
+#include "search/LiteralMatcher.h"
+
+#include <algorithm>
+#include <bit>
+#include <cassert>
+#include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+namespace brim {
+
+namespace {
+
+constexpr std::int64_t histogramBlock = 65'536;
+constexpr std::uint64_t ones = 0x0101010101010101ULL;
+constexpr std::uint64_t highBits = 0x8080808080808080ULL;
+constexpr std::uint64_t lowSeven = 0x7F7F7F7F7F7F7F7FULL;
+
+bool isUpper(std::uint8_t byte) { return byte >= 'A' && byte <= 'Z'; }
+bool isLower(std::uint8_t byte) { return byte >= 'a' && byte <= 'z'; }
+std::uint8_t lowered(std::uint8_t byte) { return isUpper(byte) ? static_cast<std::uint8_t>(byte | 0x20) : byte; }
+
+/// The high bit of each byte of `word` that is zero, and of no other.
+std::uint64_t zeroBytes(std::uint64_t word) { return ~(((word & lowSeven) + lowSeven) | word | lowSeven); }
+
+std::uint64_t load64(const std::uint8_t* bytes) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+/// Lowers A-Z, leaves every other byte.
+struct FoldTable {
+    std::array<std::uint8_t, 256> table{};
+    constexpr FoldTable() {
+        for (int i = 0; i < 256; ++i) {
+            const auto byte = static_cast<std::uint8_t>(i);
+            table[static_cast<std::size_t>(i)] = (byte >= 'A' && byte <= 'Z') ? static_cast<std::uint8_t>(byte | 0x20) : byte;
+        }
+    }
+};
+constexpr FoldTable fold;
+
+#if defined(__x86_64__)
+bool hasAVX2() {
+    static const bool supported = __builtin_cpu_supports("avx2") != 0;
+    return supported;
+}
+#endif
+
+} // namespace
+
+int LiteralMatcher::rarity(std::uint8_t byte) {
+    switch (byte) {
+    case ' ': return 1000;
+    case '\t': case '\n': case '\r': return 900;
+    case 'a': case 'e': case 'i': case 'n': case 'o': case 'r': case 's': case 't': return 700;
+    case 'c': case 'd': case 'h': case 'l': case 'm': case 'u': return 450;
+    default: break;
+    }
+    if (byte >= '0' && byte <= '9') return 500;
+    if (isLower(byte)) return 300;
+    if (isUpper(byte)) return 150;
+    return 60;
+}
+
+ByteHistogram LiteralMatcher::byteHistogram(const ByteSource& source) {
+    ByteHistogram counts{};
+    const auto tally = [&counts](std::span<const std::uint8_t> bytes) {
+        for (const std::uint8_t byte : bytes) ++counts[byte];
+    };
+    const std::int64_t n = source.count();
+    if (n <= histogramBlock) {
+        source.withBytes({0, n}, tally);
+        return counts;
+    }
+    for (const std::int64_t start : {std::int64_t{0}, n / 3, 2 * n / 3, n - histogramBlock}) {
+        source.withBytes({start, start + histogramBlock}, tally);
+    }
+    return counts;
+}
+
+LiteralMatcher::LiteralMatcher(std::string_view text, bool caseInsensitive, const ByteHistogram* histogram)
+    : pattern(text), caseInsensitiveASCII(caseInsensitive) {
+    assert(!pattern.empty() && "a literal matcher needs at least one byte");
+    if (caseInsensitiveASCII) {
+        for (char& c : pattern) c = static_cast<char>(lowered(static_cast<std::uint8_t>(c)));
+    }
+    const auto byteAt = [this](std::size_t i) { return static_cast<std::uint8_t>(pattern[i]); };
+    const auto countOf = [&](std::uint8_t byte) -> std::int64_t {
+        if (histogram == nullptr) return 0;
+        std::int64_t count = (*histogram)[byte];
+        if (caseInsensitiveASCII && isLower(byte)) count += (*histogram)[byte & 0xDF];
+        return count;
+    };
+    const auto rankOf = [&](std::uint8_t byte) { return countOf(byte) * 64 + rarity(byte); };
+
+    std::int64_t best = 0;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        const std::int64_t rank = rankOf(byteAt(i));
+        if (i == 0 || rank <= best) {  // the last of equals
+            best = rank;
+            rareIndex = i;
+        }
+    }
+    partnerIndex = rareIndex;
+    bool havePartner = false;
+    std::int64_t bestPartner = 0;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        if (i == rareIndex) continue;
+        const auto distance = static_cast<std::int64_t>(i > rareIndex ? i - rareIndex : rareIndex - i);
+        // A close partner shares the rare byte's cache line, so distance counts against it.
+        const std::int64_t score = rankOf(byteAt(i)) + 8 * distance;
+        if (!havePartner || score < bestPartner) {  // the first of equals
+            bestPartner = score;
+            partnerIndex = i;
+            havePartner = true;
+        }
+    }
+    rareLower = byteAt(rareIndex);
+    partnerLower = byteAt(partnerIndex);
+    rareUpper = caseInsensitiveASCII && isLower(rareLower) ? static_cast<std::uint8_t>(rareLower & 0xDF) : rareLower;
+    partnerUpper =
+        caseInsensitiveASCII && isLower(partnerLower) ? static_cast<std::uint8_t>(partnerLower & 0xDF) : partnerLower;
+
+    if (histogram != nullptr && rareLower == rareUpper) {
+        std::int64_t total = 0;
+        for (const std::int64_t count : *histogram) total += count;
+        rareIsVeryRare = total > 0 && static_cast<double>(countOf(rareLower)) / static_cast<double>(total) < 0.008;
+    }
+#if defined(__x86_64__)
+    strategy = rareIsVeryRare ? Strategy::rareByte : Strategy::vector;
+#else
+    strategy = rareIsVeryRare ? Strategy::rareByte : Strategy::wordAtATime;
+#endif
+}
+
+bool LiteralMatcher::matchesAt(const std::uint8_t* bytes) const {
+    const auto* wanted = reinterpret_cast<const std::uint8_t*>(pattern.data());
+    const std::size_t n = pattern.size();
+    if (!caseInsensitiveASCII) return std::memcmp(bytes, wanted, n) == 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        if (fold.table[bytes[i]] != wanted[i]) return false;
+    }
+    return true;
+}
+
+// MARK: Scanner
+
+LiteralMatcher::Scanner::Scanner(const LiteralMatcher& matcher, std::span<const std::uint8_t> block,
+                                 std::size_t from)
+    : matcher_(matcher), bytes_(block.data()), count_(block.size()), position_(from) {
+    const std::size_t length = matcher.length();
+    if (length > count_ || from > count_ - length) {
+        finished_ = true;
+        return;
+    }
+    lastStart_ = count_ - length;
+    reach_ = std::max(matcher.rareIndex, matcher.partnerIndex);
+}
+
+std::size_t LiteralMatcher::Scanner::next() {
+    while (hitIndex_ == hitCount_) {
+        if (finished_) return none;
+        hitIndex_ = 0;
+        hitCount_ = 0;
+        fill();
+    }
+    return hits_[hitIndex_++];
+}
+
+void LiteralMatcher::Scanner::seek(std::size_t position) {
+    while (hitIndex_ < hitCount_ && hits_[hitIndex_] < position) ++hitIndex_;
+    if (hitIndex_ == hitCount_ && position > position_) {
+        position_ = position;
+        if (position_ > lastStart_) finished_ = true;
+    }
+}
+
+void LiteralMatcher::Scanner::verify(std::size_t candidate) {
+    if (candidate <= lastStart_ && matcher_.matchesAt(bytes_ + candidate)) {
+        hits_[hitCount_++] = candidate;
+    }
+}
+
+void LiteralMatcher::Scanner::fill() {
+    switch (matcher_.strategy) {
+    case Strategy::rareByte: fillByMemchr(); break;
+    case Strategy::wordAtATime: fillBySWAR(); break;
+    case Strategy::vector: fillByVector(); break;
+    }
+}
+
+void LiteralMatcher::Scanner::fillOneByOne(std::size_t end) {
+    const std::size_t rare = matcher_.rareIndex;
+    const std::size_t partner = matcher_.partnerIndex;
+    while (position_ <= end && hitCount_ == 0) {
+        const std::uint8_t r = bytes_[position_ + rare];
+        const std::uint8_t p = bytes_[position_ + partner];
+        if ((r == matcher_.rareLower || r == matcher_.rareUpper) &&
+            (p == matcher_.partnerLower || p == matcher_.partnerUpper)) {
+            verify(position_);
+        }
+        ++position_;
+    }
+    if (position_ > lastStart_) finished_ = true;
+}
+
+void LiteralMatcher::Scanner::fillByMemchr() {
+    const std::size_t rare = matcher_.rareIndex;
+    const std::size_t partner = matcher_.partnerIndex;
+    while (position_ <= lastStart_) {
+        const std::uint8_t* from = bytes_ + position_ + rare;
+        const auto* found = static_cast<const std::uint8_t*>(std::memchr(from, matcher_.rareLower, lastStart_ - position_ + 1));
+        if (found == nullptr) break;
+        const auto candidate = static_cast<std::size_t>(found - bytes_) - rare;
+        position_ = candidate + 1;
+        const std::uint8_t p = bytes_[candidate + partner];
+        if (p == matcher_.partnerLower || p == matcher_.partnerUpper) {
+            verify(candidate);
+            if (hitCount_ > 0) return;
+        }
+    }
+    finished_ = true;
+}
+
+void LiteralMatcher::Scanner::fillBySWAR() {
+    const std::size_t rare = matcher_.rareIndex;
+    const std::size_t partner = matcher_.partnerIndex;
+    // Case is ignored by setting bit 5 of every byte and comparing with the anchor's own bit 5
+    // set: bytes that differ only in that bit pass, and the whole-pattern check drops the ones
+    // that are no letters.
+    const bool fold = matcher_.caseInsensitiveASCII;
+    const std::uint64_t caseBits = fold ? 0x2020202020202020ULL : 0;
+    const std::uint64_t rareWord = ones * static_cast<std::uint64_t>(fold ? (matcher_.rareLower | 0x20) : matcher_.rareLower);
+    const std::uint64_t partnerWord =
+        ones * static_cast<std::uint64_t>(fold ? (matcher_.partnerLower | 0x20) : matcher_.partnerLower);
+    // Words while an 8-byte load at either anchor stays inside the block.
+    const std::size_t end = count_ >= reach_ + 8 ? std::min(count_ - reach_ - 8, lastStart_) : 0;
+    while (count_ >= reach_ + 8 && position_ <= end) {
+        const std::uint64_t atRare = (load64(bytes_ + position_ + rare) | caseBits) ^ rareWord;
+        const std::uint64_t atPartner = (load64(bytes_ + position_ + partner) | caseBits) ^ partnerWord;
+        std::uint64_t mask = zeroBytes(atRare) & zeroBytes(atPartner);
+        while (mask != 0) {
+            const auto lane = static_cast<std::size_t>(std::countr_zero(mask)) / 8;
+            verify(position_ + lane);
+            mask &= mask - 1;
+        }
+        position_ += 8;
+        if (hitCount_ > 0) return;
+    }
+    fillOneByOne(lastStart_);
+}
+
+#if defined(__x86_64__)
+namespace {
+
+/// The 64-lane candidate mask at `at` for both anchors in both cases: bit i is set when the
+/// anchors stand where a match at `at + i` would have them.
+__attribute__((target("avx2"), always_inline)) inline std::uint64_t candidateMaskAVX2(const std::uint8_t* at, std::size_t rare,
+                                                                 std::size_t partner, __m256i rareLower,
+                                                                 __m256i rareUpper, __m256i partnerLower,
+                                                                 __m256i partnerUpper) {
+    const auto* r = reinterpret_cast<const __m256i*>(at + rare);
+    const auto* p = reinterpret_cast<const __m256i*>(at + partner);
+    const __m256i r0 = _mm256_loadu_si256(r);
+    const __m256i r1 = _mm256_loadu_si256(r + 1);
+    const __m256i rare0 = _mm256_or_si256(_mm256_cmpeq_epi8(r0, rareLower), _mm256_cmpeq_epi8(r0, rareUpper));
+    const __m256i rare1 = _mm256_or_si256(_mm256_cmpeq_epi8(r1, rareLower), _mm256_cmpeq_epi8(r1, rareUpper));
+    if (_mm256_testz_si256(_mm256_or_si256(rare0, rare1), _mm256_or_si256(rare0, rare1)) != 0) return 0;
+    const __m256i p0 = _mm256_loadu_si256(p);
+    const __m256i p1 = _mm256_loadu_si256(p + 1);
+    const __m256i both0 =
+        _mm256_and_si256(rare0, _mm256_or_si256(_mm256_cmpeq_epi8(p0, partnerLower), _mm256_cmpeq_epi8(p0, partnerUpper)));
+    const __m256i both1 =
+        _mm256_and_si256(rare1, _mm256_or_si256(_mm256_cmpeq_epi8(p1, partnerLower), _mm256_cmpeq_epi8(p1, partnerUpper)));
+    const auto low = static_cast<std::uint32_t>(_mm256_movemask_epi8(both0));
+    const auto high = static_cast<std::uint32_t>(_mm256_movemask_epi8(both1));
+    return static_cast<std::uint64_t>(low) | (static_cast<std::uint64_t>(high) << 32);
+}
+
+std::uint64_t candidateMaskSSE2(const std::uint8_t* at, std::size_t rare, std::size_t partner, __m128i rareLower,
+                                __m128i rareUpper, __m128i partnerLower, __m128i partnerUpper) {
+    std::uint64_t mask = 0;
+    for (int part = 0; part < 4; ++part) {
+        const auto offset = static_cast<std::size_t>(part) * 16;
+        const __m128i r = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + offset + rare));
+        const __m128i rareHit = _mm_or_si128(_mm_cmpeq_epi8(r, rareLower), _mm_cmpeq_epi8(r, rareUpper));
+        if (_mm_movemask_epi8(rareHit) == 0) continue;
+        const __m128i p = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at + offset + partner));
+        const __m128i both =
+            _mm_and_si128(rareHit, _mm_or_si128(_mm_cmpeq_epi8(p, partnerLower), _mm_cmpeq_epi8(p, partnerUpper)));
+        mask |= static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(both))) << offset;
+    }
+    return mask;
+}
+
+} // namespace
+#endif
+
+#if defined(__x86_64__)
+__attribute__((target("avx2"))) void LiteralMatcher::Scanner::fillByAVX2() {
+    const std::size_t rare = matcher_.rareIndex;
+    const std::size_t partner = matcher_.partnerIndex;
+    // Lanes of 64 positions while both 64-byte loads stay inside the block.
+    const bool haveLanes = count_ >= reach_ + 64;
+    const std::size_t end = haveLanes ? std::min(count_ - reach_ - 64, lastStart_) : 0;
+    const auto toByte = [](std::uint8_t byte) { return static_cast<char>(byte); };
+    const __m256i rareLower = _mm256_set1_epi8(toByte(matcher_.rareLower));
+    const __m256i rareUpper = _mm256_set1_epi8(toByte(matcher_.rareUpper));
+    const __m256i partnerLower = _mm256_set1_epi8(toByte(matcher_.partnerLower));
+    const __m256i partnerUpper = _mm256_set1_epi8(toByte(matcher_.partnerUpper));
+    while (haveLanes && position_ <= end) {
+        std::uint64_t mask =
+            candidateMaskAVX2(bytes_ + position_, rare, partner, rareLower, rareUpper, partnerLower, partnerUpper);
+        while (mask != 0) {
+            verify(position_ + static_cast<std::size_t>(std::countr_zero(mask)));
+            mask &= mask - 1;
+        }
+        position_ += 64;
+        if (hitCount_ > 0) return;
+    }
+    fillOneByOne(lastStart_);
+}
+#else
+void LiteralMatcher::Scanner::fillByAVX2() { fillBySWAR(); }
+#endif
+
+void LiteralMatcher::Scanner::fillByVector() {
+#if defined(__x86_64__)
+    if (hasAVX2()) {
+        fillByAVX2();
+        return;
+    }
+    const std::size_t rare = matcher_.rareIndex;
+    const std::size_t partner = matcher_.partnerIndex;
+    const bool haveLanes = count_ >= reach_ + 64;
+    const std::size_t end = haveLanes ? std::min(count_ - reach_ - 64, lastStart_) : 0;
+    const auto toByte = [](std::uint8_t byte) { return static_cast<char>(byte); };
+    const __m128i rareLower = _mm_set1_epi8(toByte(matcher_.rareLower));
+    const __m128i rareUpper = _mm_set1_epi8(toByte(matcher_.rareUpper));
+    const __m128i partnerLower = _mm_set1_epi8(toByte(matcher_.partnerLower));
+    const __m128i partnerUpper = _mm_set1_epi8(toByte(matcher_.partnerUpper));
+    while (haveLanes && position_ <= end) {
+        std::uint64_t mask =
+            candidateMaskSSE2(bytes_ + position_, rare, partner, rareLower, rareUpper, partnerLower, partnerUpper);
+        while (mask != 0) {
+            verify(position_ + static_cast<std::size_t>(std::countr_zero(mask)));
+            mask &= mask - 1;
+        }
+        position_ += 64;
+        if (hitCount_ > 0) return;
+    }
+    fillOneByOne(lastStart_);
+#else
+    fillBySWAR();
+#endif
+}
+
+} // namespace brim

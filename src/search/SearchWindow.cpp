@@ -1,0 +1,170 @@
+#include "search/SearchWindow.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace brim {
+
+namespace UTF8 {
+
+namespace {
+
+constexpr std::uint64_t highBits = 0x8080808080808080ULL;
+constexpr std::string_view replacement = "\xEF\xBF\xBD";
+
+bool isContinuation(std::uint8_t byte) { return (byte & 0xC0) == 0x80; }
+
+} // namespace
+
+Step step(std::span<const std::uint8_t> bytes, std::size_t offset) {
+    const std::uint8_t lead = bytes[offset];
+    if (lead < 0x80) return {1, true};
+    std::size_t need = 0;
+    std::uint8_t low = 0x80;
+    std::uint8_t high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        need = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        need = 2;
+        if (lead == 0xE0) low = 0xA0;
+        if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        need = 3;
+        if (lead == 0xF0) low = 0x90;
+        if (lead == 0xF4) high = 0x8F;
+    } else {
+        return {1, false};
+    }
+    const std::size_t available = bytes.size() - offset - 1;
+    for (std::size_t i = 1; i <= need; ++i) {
+        if (i > available) return {i, false};
+        const std::uint8_t byte = bytes[offset + i];
+        const bool fits = i == 1 ? (byte >= low && byte <= high) : isContinuation(byte);
+        if (!fits) return {i, false};
+    }
+    return {need + 1, true};
+}
+
+std::size_t firstInvalid(std::span<const std::uint8_t> bytes) {
+    const std::size_t count = bytes.size();
+    std::size_t i = 0;
+    while (i < count) {
+        // Runs of ASCII go eight bytes at a time.
+        while (i + 32 <= count) {
+            std::uint64_t words[4];
+            std::memcpy(words, bytes.data() + i, sizeof words);
+            if (((words[0] | words[1] | words[2] | words[3]) & highBits) != 0) break;
+            i += 32;
+        }
+        if (i >= count) break;
+        if (bytes[i] < 0x80) {
+            ++i;
+            continue;
+        }
+        const Step s = step(bytes, i);
+        if (!s.valid) return i;
+        i += s.length;
+    }
+    return count;
+}
+
+std::int64_t utf16Length(std::span<const std::uint8_t> bytes) {
+    std::int64_t units = 0;
+    std::size_t i = 0;
+    while (i < bytes.size()) {
+        if (bytes[i] < 0x80) {
+            ++units;
+            ++i;
+            continue;
+        }
+        const Step s = step(bytes, i);
+        units += s.valid && s.length == 4 ? 2 : 1;
+        i += s.length;
+    }
+    return units;
+}
+
+std::string repaired(std::span<const std::uint8_t> bytes) {
+    std::string out;
+    out.reserve(bytes.size());
+    std::size_t i = 0;
+    while (i < bytes.size()) {
+        const Step s = step(bytes, i);
+        if (s.valid) {
+            out.append(reinterpret_cast<const char*>(bytes.data() + i), s.length);
+        } else {
+            out.append(replacement);
+        }
+        i += s.length;
+    }
+    return out;
+}
+
+} // namespace UTF8
+
+SearchWindow::SearchWindow(std::span<const std::uint8_t> bytes, std::int64_t start, const SearchEncoding* encoding)
+    : bytes_(bytes), start_(start), encoding_(encoding), text_(bytes) {
+    if (encoding_ != nullptr) {
+        copy_ = encoding_->decode(bytes);
+        text_ = std::span(reinterpret_cast<const std::uint8_t*>(copy_.data()), copy_.size());
+        converted_ = true;
+        return;
+    }
+    std::size_t bad = UTF8::firstInvalid(bytes);
+    if (bad == bytes.size()) return;
+    converted_ = true;
+    copy_.reserve(bytes.size() + 64);
+    copy_.append(reinterpret_cast<const char*>(bytes.data()), bad);
+    anchors_.push_back({0, 0});
+    std::size_t i = bad;
+    while (i < bytes.size()) {
+        const UTF8::Step s = UTF8::step(bytes, i);
+        if (s.valid) {
+            copy_.append(reinterpret_cast<const char*>(bytes.data() + i), s.length);
+        } else {
+            // The replacement stands for the whole stretch; text and bytes resume in step after it.
+            anchors_.push_back({copy_.size(), static_cast<std::int64_t>(i)});
+            copy_.append("\xEF\xBF\xBD");
+            anchors_.push_back({copy_.size(), static_cast<std::int64_t>(i + s.length)});
+        }
+        i += s.length;
+    }
+    text_ = std::span(reinterpret_cast<const std::uint8_t*>(copy_.data()), copy_.size());
+}
+
+std::int64_t SearchWindow::sourceOffset(std::size_t textOffset) const {
+    if (!converted_) return start_ + static_cast<std::int64_t>(textOffset);
+    if (encoding_ != nullptr) {
+        textOffset = std::min(textOffset, copy_.size());
+        if (textOffset < cursorText_) {
+            cursorText_ = 0;
+            cursorSource_ = 0;
+        }
+        const std::string_view between(copy_.data() + cursorText_, textOffset - cursorText_);
+        cursorSource_ += encoding_->encodedLength(between);
+        cursorText_ = textOffset;
+        return start_ + std::min<std::int64_t>(cursorSource_, static_cast<std::int64_t>(bytes_.size()));
+    }
+    // The last anchor at or before the position. Anchors come in pairs around each replacement:
+    // an odd index starts one, an even one resumes the plain bytes.
+    const auto after = std::upper_bound(anchors_.begin(), anchors_.end(), textOffset,
+                                        [](std::size_t value, const Anchor& anchor) { return value < anchor.text; });
+    const auto index = static_cast<std::size_t>(after - anchors_.begin()) - 1;
+    const Anchor& anchor = anchors_[index];
+    if (index % 2 == 1) return start_ + anchor.source;
+    return start_ + anchor.source + static_cast<std::int64_t>(textOffset - anchor.text);
+}
+
+std::size_t SearchWindow::textOffset(std::int64_t sourceOffset) const {
+    const std::int64_t relative = std::clamp<std::int64_t>(sourceOffset - start_, 0, static_cast<std::int64_t>(bytes_.size()));
+    if (!converted_) return static_cast<std::size_t>(relative);
+    if (encoding_ != nullptr) return encoding_->decode(bytes_.first(static_cast<std::size_t>(relative))).size();
+    const auto after = std::upper_bound(anchors_.begin(), anchors_.end(), relative,
+                                        [](std::int64_t value, const Anchor& anchor) { return value < anchor.source; });
+    const auto index = static_cast<std::size_t>(after - anchors_.begin()) - 1;
+    const Anchor& anchor = anchors_[index];
+    if (index % 2 == 1 && relative > anchor.source) return anchors_[index + 1].text;  // inside a replaced stretch
+    return anchor.text + static_cast<std::size_t>(relative - anchor.source);
+}
+
+} // namespace brim
