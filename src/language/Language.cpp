@@ -1,5 +1,6 @@
 #include "language/Language.h"
 
+#include "bytes/Gzip.h"
 #include "common/BrimError.h"
 #include "common/Localization.h"
 #include "language/EmbeddedLanguages.h"
@@ -70,10 +71,7 @@ NameParts nameParts(std::string_view path) {
         const auto parentSlash = folder.rfind('/');
         parts.parentFolder = std::string(parentSlash == std::string_view::npos ? folder : folder.substr(parentSlash + 1));
     }
-    const auto lower = lowercased(parts.name);
-    if (lower.size() >= 4 && lower.ends_with(".gz") && !lower.ends_with(".tar.gz")) {
-        parts.name.resize(parts.name.size() - 3);
-    }
+    parts.name = Gzip::uncompressedName(parts.name);
     // A leading dot marks a hidden file, not an extension: ".bashrc" has none.
     const auto lowerName = lowercased(parts.name);
     const auto dot = lowerName.rfind('.');

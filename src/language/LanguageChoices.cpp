@@ -1,5 +1,6 @@
 #include "language/LanguageChoices.h"
 
+#include "bytes/Gzip.h"
 #include "common/Localization.h"
 
 #include <unicode/uchar.h>
@@ -628,10 +629,8 @@ std::vector<Candidate> candidates(std::string_view sample, std::string_view name
         if (byName.id != "plain") {
             auto& evidence = found[byName.id];
             const auto lastSlash = name.rfind('/');
-            auto fileName = lowercased(lastSlash == std::string_view::npos ? name : name.substr(lastSlash + 1));
-            if (fileName.size() >= 4 && fileName.ends_with(".gz") && !fileName.ends_with(".tar.gz")) {
-                fileName.resize(fileName.size() - 3);
-            }
+            const auto fileName = lowercased(
+                Gzip::uncompressedName(std::string(lastSlash == std::string_view::npos ? name : name.substr(lastSlash + 1))));
             const auto dot = fileName.rfind('.');
             if (dot != std::string::npos && dot > 0 && dot + 1 < fileName.size()) {
                 evidence.score += 40;

@@ -340,6 +340,16 @@ Language parse(std::string_view text, std::string_view stem, Origin origin) {
     }
     read(object, origin, language);
 
+    // Words of a language that ignores case are looked up lower-cased: keep them so.
+    if (!language.caseSensitive) {
+        for (auto* set : {&language.keywords, &language.types, &language.constants}) {
+            WordSet lowered;
+            for (const auto& word : *set) {
+                lowered.insert(lowercased(word));
+            }
+            *set = std::move(lowered);
+        }
+    }
     if (trimmedBlanks(language.id).empty()) {
         language.id = lowercased(stem);
     }

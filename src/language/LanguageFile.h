@@ -36,7 +36,8 @@ private:
 /// ignored and every key may be absent, taking the mode-file default (strings in `"`, `\` as
 /// escape, `_` continuing words, brackets for indentation, indentation folding). Word lists may
 /// be arrays or one string of blank-separated words. A blank id takes `stem` lower-cased, a blank
-/// display name takes `stem`. Throws `Failure` for text that is not such an object.
+/// display name takes `stem`. A language that ignores case has its words lower-cased, as the
+/// lexer looks them up. Throws `Failure` for text that is not such an object.
 [[nodiscard]] Language parse(std::string_view text, std::string_view stem, Origin origin);
 
 } // namespace brim::LanguageFile

@@ -1,5 +1,7 @@
 #include "language/LanguageSample.h"
 
+#include "bytes/Gzip.h"
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -44,10 +46,6 @@ std::optional<std::vector<std::uint8_t>> readHead(const std::string& path, std::
     }
     bytes.resize(filled);
     return bytes;
-}
-
-bool isGzipMagic(const std::vector<std::uint8_t>& bytes) {
-    return bytes.size() >= 3 && bytes[0] == 0x1F && bytes[1] == 0x8B && bytes[2] == 0x08;
 }
 
 } // namespace
@@ -111,9 +109,9 @@ std::optional<std::string> read(const std::string& path) {
     if (!head) {
         return std::nullopt;
     }
-    if (isGzipMagic(*head)) {
-        // Looking through gzip waits for the byte library's unpacker; until then the packed
-        // bytes are read as they stand, which scores as nothing.
+    if (Gzip::isGzip(*head)) {
+        // Unpacked with no checks at the end: a damaged tail still leaves a readable head.
+        *head = Gzip::unpackPrefix(*head, sampleBytes);
     }
     const auto count = std::min(head->size(), static_cast<std::size_t>(sampleBytes));
     return decodeRepairingUTF8(std::span(head->data(), count));
