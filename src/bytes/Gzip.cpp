@@ -53,7 +53,7 @@ std::string lowercased(std::string text) {
 Failure Failure::notGzip() { return {Kind::notGzip, L("This is not a gzip file.")}; }
 
 Failure Failure::corrupt(const std::string& detail) {
-    return {Kind::corrupt, L("The compressed data is damaged: %@", L(detail))};
+    return {Kind::corrupt, L("The compressed data is damaged: %@", detail)};
 }
 
 Failure Failure::tooLarge(std::int64_t limit) {
@@ -119,7 +119,7 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
     std::size_t produced = 0;
     while (true) {
         Inflater inflater;
-        if (!inflater.live) throw Failure::corrupt(decoderWouldNotStart);
+        if (!inflater.live) throw Failure::corrupt(L("the decoder would not start"));
         z_stream& stream = inflater.stream;
         std::size_t consumed = *body;
         const std::size_t memberStart = produced;
@@ -143,22 +143,22 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
             case Z_STREAM_END: ended = true; break;
             case Z_OK: break;
             case Z_BUF_ERROR:
-                if (stream.avail_in == 0 && consumed >= bytes.size()) throw Failure::corrupt(wrongLength);
+                if (stream.avail_in == 0 && consumed >= bytes.size()) throw Failure::corrupt(L("it is not as long as it says it is"));
                 break;
-            case Z_MEM_ERROR: throw Failure::corrupt(decoderWouldNotStart);
-            default: throw Failure::corrupt(unreadableStream);
+            case Z_MEM_ERROR: throw Failure::corrupt(L("the decoder would not start"));
+            default: throw Failure::corrupt(L("the deflate stream is not readable"));
             }
             if (!ended && stream.avail_in == 0 && consumed >= bytes.size() && stream.avail_out != 0) {
-                throw Failure::corrupt(wrongLength);
+                throw Failure::corrupt(L("it is not as long as it says it is"));
             }
         }
         if (produced > ceiling - 1) throw Failure::tooLarge(limit);
         const std::size_t trailer = consumed - stream.avail_in;
-        if (bytes.size() - trailer < 8) throw Failure::corrupt(wrongLength);
+        if (bytes.size() - trailer < 8) throw Failure::corrupt(L("it is not as long as it says it is"));
         const std::uint32_t crc = checksum(std::span(out).subspan(memberStart, produced - memberStart));
-        if (crc != littleEndian32(bytes, trailer)) throw Failure::corrupt(checksumMismatch);
+        if (crc != littleEndian32(bytes, trailer)) throw Failure::corrupt(L("the checksum does not match"));
         if (static_cast<std::uint32_t>(produced - memberStart) != littleEndian32(bytes, trailer + 4)) {
-            throw Failure::corrupt(wrongLength);
+            throw Failure::corrupt(L("it is not as long as it says it is"));
         }
         const std::size_t next = trailer + 8;
         if (next == bytes.size() ||
@@ -166,7 +166,7 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
             break;
         }
         body = bodyStart(bytes, next);
-        if (!body) throw Failure::corrupt(trailingGarbage);
+        if (!body) throw Failure::corrupt(L("there is something after the end that is not gzip"));
     }
     out.resize(produced);
     return out;
@@ -219,7 +219,7 @@ Encoder::Encoder(std::optional<std::string> name, int level)
     : name_(std::move(name)), level_(level < 0 ? 6 : std::min(level, 9)), stream_(std::make_unique<Stream>()) {
     if (name_) name_ = name_->substr(0, name_->find('\0'));
     if (deflateInit2(&stream_->stream, level_, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
-        throw Failure::corrupt(decoderWouldNotStart);
+        throw Failure::corrupt(L("the decoder would not start"));
     }
     started_ = true;
 }

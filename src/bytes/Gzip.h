@@ -19,7 +19,10 @@ public:
 
     /// "This is not a gzip file."
     [[nodiscard]] static Failure notGzip();
-    /// "The compressed data is damaged: <detail>", the detail being one of the texts below.
+    /// "The compressed data is damaged: <detail>", with the detail already in the user's language:
+    /// "the checksum does not match", "it is not as long as it says it is", "the deflate stream
+    /// is not readable", "the decoder would not start", "there is something after the end that
+    /// is not gzip".
     [[nodiscard]] static Failure corrupt(const std::string& detail);
     /// "Unpacked it would be more than <limit>, which is more than Brim will hold in memory at once."
     [[nodiscard]] static Failure tooLarge(std::int64_t limit);
@@ -30,13 +33,6 @@ private:
     Failure(Kind kind, const std::string& text) : BrimError(text), kind_(kind) {}
     Kind kind_;
 };
-
-// The details of a damaged file, as the corrupt failure says them.
-inline constexpr const char* checksumMismatch = "the checksum does not match";
-inline constexpr const char* wrongLength = "it is not as long as it says it is";
-inline constexpr const char* unreadableStream = "the deflate stream is not readable";
-inline constexpr const char* decoderWouldNotStart = "the decoder would not start";
-inline constexpr const char* trailingGarbage = "there is something after the end that is not gzip";
 
 /// The most that opening unpacks into memory.
 inline constexpr std::int64_t defaultLimit = 536'870'912;

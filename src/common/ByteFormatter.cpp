@@ -42,7 +42,9 @@ std::string string(std::int64_t count) {
 
 std::string decimal(std::int64_t count) {
     const bool negative = count < 0;
-    std::string digits = std::to_string(negative ? -(count + 1) + 1 : count);
+    // The magnitude in unsigned arithmetic, so the most negative number has one too.
+    const std::uint64_t magnitude = negative ? 0 - static_cast<std::uint64_t>(count) : static_cast<std::uint64_t>(count);
+    std::string digits = std::to_string(magnitude);
     std::string out;
     const std::size_t lead = digits.size() % 3;
     for (std::size_t i = 0; i < digits.size(); ++i) {
