@@ -557,11 +557,14 @@ private:
         context_.base = consumed_;
         UConverter* source = decoding_ ? set_.get() : utf8_.get();
         UConverter* target = decoding_ ? utf8_.get() : set_.get();
-        const char* read = reinterpret_cast<const char*>(in.data());
+        // ICU refuses a null source even when it is empty.
+        static constexpr char nothing = 0;
+        const char* read = in.empty() ? &nothing : reinterpret_cast<const char*>(in.data());
         const char* readEnd = read + in.size();
         std::size_t room = in.size() * (decoding_ ? 3 : 2) + 64;
-        bool reset = first_;
-        first_ = false;
+        // Never `reset`: ucnv_convertEx skips the target's pending output (ISO-2022-KR's header,
+        // placed there when the converter opened) on a call that resets. Both converters start fresh.
+        const bool reset = false;
         while (true) {
             const std::size_t start = out.size();
             out.resize(start + room);
@@ -570,16 +573,21 @@ private:
             UErrorCode status = U_ZERO_ERROR;
             ucnv_convertEx(target, source, &write, writeEnd, &read, readEnd, pivot_.data(), &pivotSource_,
                            &pivotTarget_, pivot_.data() + pivot_.size(), reset, flush, &status);
-            reset = false;
             out.resize(static_cast<std::size_t>(reinterpret_cast<std::uint8_t*>(write) - out.data()));
             if (status == U_BUFFER_OVERFLOW_ERROR) {
                 room = room * 2;
                 continue;
             }
             if (U_FAILURE(status)) {
-                // Not expected with substituting callbacks; what could not be read is one U+FFFD.
-                noteInvalid(report, consumed_);
-                out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                // Not expected with substituting callbacks: what could not be converted is one
+                // U+FFFD read, or one "?" written.
+                if (decoding_) {
+                    noteInvalid(report, consumed_);
+                    out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                } else {
+                    noteUnwritable(report, 0xFFFD);
+                    out.push_back('?');
+                }
                 ucnv_reset(source);
                 ucnv_reset(target);
                 pivotSource_ = pivotTarget_ = pivot_.data();
@@ -593,7 +601,6 @@ private:
     ConverterPointer utf8_;
     bool decoding_;
     bool stateful_;
-    bool first_ = true;
     ICUCallbackContext context_;
     std::array<UChar, 8192> pivot_{};
     UChar* pivotSource_ = pivot_.data();
@@ -1503,10 +1510,16 @@ std::string newUUID() {
 constexpr std::string_view copySuffix = ".utf8";
 constexpr std::string_view partialSuffix = ".partial";
 
+/// Makes the folder of working copies, private to the user, with the support folder above it.
 void ensureDirectory(const std::filesystem::path& directory) {
     std::error_code error;
-    std::filesystem::create_directories(directory, error);
-    if (error || !std::filesystem::is_directory(directory)) {
+    if (!std::filesystem::is_directory(directory, error)) {
+        std::filesystem::create_directories(directory.parent_path(), error);
+        if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+            throw Failure::cannotCreate();
+        }
+    }
+    if (!std::filesystem::is_directory(directory, error)) {
         throw Failure::cannotCreate();
     }
 }

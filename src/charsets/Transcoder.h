@@ -167,8 +167,8 @@ struct TranscodeOptions {
     bool substituting = true;       ///< unreadable bytes become U+FFFD; otherwise they fail the conversion
     Checkpoints* checkpoints = nullptr;
     std::int64_t blockSize = Transcoder::blockSize;
-    Progress progress;
-    IsCancelled isCancelled;
+    Progress progress = {};
+    IsCancelled isCancelled = {};
 };
 
 /// The result of a transcoding: the working copy, or nothing when cancelled.
