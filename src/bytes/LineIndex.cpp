@@ -258,19 +258,30 @@ std::int64_t LineIndex::newlineCountBefore(std::int64_t offset, const ByteSource
     if (chunks_.empty()) return 0;
     const std::size_t i = chunkIndexForByte(b);
     const Chunk& chunk = chunks_[i];
-    std::int64_t start = chunk.startByte;
-    std::int64_t count = 0;
-    if (!chunk.checkpoints.empty() && b >= chunk.checkpoints.front()) {
-        const auto after = std::upper_bound(chunk.checkpoints.begin(), chunk.checkpoints.end(), b);
-        const auto j = static_cast<std::int64_t>(after - chunk.checkpoints.begin() - 1);
-        count = j * stride_ + 1;
-        start = chunk.checkpoints[static_cast<std::size_t>(j)];
+    // The known counts on either side of `b`: the chunk's start or a checkpoint before it, and a
+    // checkpoint or the chunk's end after it. The scan goes from the nearer one.
+    std::int64_t before = chunk.startByte;
+    std::int64_t countBefore = 0;
+    const auto after = std::upper_bound(chunk.checkpoints.begin(), chunk.checkpoints.end(), b);
+    const auto j = static_cast<std::int64_t>(after - chunk.checkpoints.begin()) - 1;
+    if (j >= 0) {
+        before = chunk.checkpoints[static_cast<std::size_t>(j)];
+        countBefore = j * stride_ + 1;
     }
-    forEachWindow(source, {start, b}, [&](std::span<const std::uint8_t> bytes, std::int64_t) {
-        count += ByteScan::countNewlines(bytes);
-        return true;
-    });
-    return chunkStartLine_[i] + count;
+    std::int64_t next = i + 1 < chunks_.size() ? chunks_[i + 1].startByte : indexedBytes();
+    std::int64_t countNext = chunk.newlines;
+    if (after != chunk.checkpoints.end()) {
+        next = *after;
+        countNext = (j + 1) * stride_ + 1;
+    }
+    std::int64_t scanned = 0;
+    const bool forward = b - before <= next - b;
+    forEachWindow(source, forward ? ByteRange{before, b} : ByteRange{b, next},
+                  [&](std::span<const std::uint8_t> bytes, std::int64_t) {
+                      scanned += ByteScan::countNewlines(bytes);
+                      return true;
+                  });
+    return chunkStartLine_[i] + (forward ? countBefore + scanned : countNext - scanned);
 }
 
 std::int64_t LineIndex::estimatedLineCount() const {
