@@ -198,6 +198,7 @@ std::shared_ptr<TextDocument> TextDocument::open(const std::filesystem::path& pa
     if (S_ISDIR(info.st_mode)) throw posixError(path.string(), EISDIR);
     opened.fileSize = static_cast<std::int64_t>(info.st_size);
     opened.modified = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 + info.st_mtim.tv_nsec;
+    removeAbandonedTemporaryFiles(std::filesystem::absolute(path).parent_path());
 
     // 2. The bytes: mapped, read, or unpacked.
     std::string detectionName = fileName;

@@ -5,7 +5,9 @@
 #include "common/Localization.h"
 #include "store/TextDocument.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -57,16 +59,30 @@ bool endsWithIgnoringCase(const std::string& text, std::string_view suffix) {
     return true;
 }
 
-/// A file being written, removed on destruction unless it was kept.
+/// A file being written, removed on destruction unless it was kept. The descriptor holds an exclusive
+/// lock for the file's whole life, so a cleaner can tell a live save's file from one a killed process
+/// left: only the latter can be locked.
 class NewFile {
 public:
-    NewFile(std::filesystem::path path, int fd) : path_(std::move(path)), fd_(fd) {}
+    /// An unnamed file in `folder` where the system can make one, so a save that is killed leaves
+    /// nothing behind; it gets `path` only when `name` is called. Elsewhere it is `path` at once.
+    NewFile(const std::filesystem::path& folder, std::filesystem::path path, const std::string& failure)
+        : path_(std::move(path)) {
+        fd_ = ::open(folder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+        if (fd_ < 0 && errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) throw posixError(failure, errno);
+        if (fd_ < 0) {
+            fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+            if (fd_ < 0) throw posixError(failure, errno);
+            named_ = true;
+        }
+        ::flock(fd_, LOCK_EX | LOCK_NB);
+    }
     ~NewFile() {
-        if (fd_ >= 0) ::close(fd_);
-        if (!kept_) {
+        if (!kept_ && named_) {
             std::error_code ignored;
             std::filesystem::remove(path_, ignored);
         }
+        if (fd_ >= 0) ::close(fd_);
     }
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
@@ -84,11 +100,19 @@ public:
         written_ += static_cast<std::int64_t>(bytes.size());
     }
 
-    void synchroniseAndClose() {
+    /// Onto the disk. The descriptor (and its lock) stays open until the file is kept or removed.
+    void synchronise() {
         if (::fsync(fd_) != 0) throw posixError(L("Could not write %@", path_.string()), errno);
-        const int fd = fd_;
-        fd_ = -1;
-        if (::close(fd) != 0) throw posixError(L("Could not write %@", path_.string()), errno);
+    }
+
+    /// Gives an unnamed file its name.
+    void name(const std::string& failure) {
+        if (named_) return;
+        const std::string self = "/proc/self/fd/" + std::to_string(fd_);
+        if (::linkat(AT_FDCWD, self.c_str(), AT_FDCWD, path_.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            throw posixError(failure, errno);
+        }
+        named_ = true;
     }
 
     void keep() { kept_ = true; }
@@ -99,9 +123,14 @@ public:
 private:
     std::filesystem::path path_;
     int fd_ = -1;
+    bool named_ = false;
     bool kept_ = false;
     std::int64_t written_ = 0;
 };
+
+bool isTemporaryName(std::string_view name) {
+    return name.size() == 6 + 36 + 4 && name.starts_with(".brim-") && name.ends_with(".tmp");
+}
 
 /// Thrown inside a save to end it when the user cancels; never leaves this file.
 struct SaveCancelled {};
@@ -177,10 +206,9 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     const bool fileReplacesEBCDICFeeds = ebcdicASCIINewlines && options.encoding.isEBCDIC();
 
     // 3. The temporary file, beside the destination so the swap stays on one volume.
-    const auto tempPath = folder / (".brim-" + makeUUID() + ".tmp");
-    const int tempFD = ::open(tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (tempFD < 0) throw posixError(L("cannot create temporary file next to %@", dest.string()), errno);
-    NewFile temp(tempPath, tempFD);
+    removeAbandonedTemporaryFiles(folder);
+    const std::string cannotCreate = L("cannot create temporary file next to %@", dest.string());
+    NewFile temp(folder, folder / (".brim-" + makeUUID() + ".tmp"), cannotCreate);
 
     // 4. Gzip, when the document was unpacked and goes back to a ".gz" name.
     const std::string destName = dest.filename().string();
@@ -193,11 +221,9 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     // 5. A new working copy when the text can't be held as the file's bytes.
     std::unique_ptr<NewFile> copy;
     if (needsWorkingCopy(options.encoding, written)) {
-        const auto copyPath = Transcoder::workingCopiesDirectory() / (makeUUID() + ".utf8");
-        std::filesystem::create_directories(copyPath.parent_path(), error);
-        const int copyFD = ::open(copyPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (copyFD < 0) throw BrimError(L("cannot create working copy"));
-        copy = std::make_unique<NewFile>(copyPath, copyFD);
+        const auto copies = Transcoder::workingCopiesDirectory();
+        std::filesystem::create_directories(copies, error);
+        copy = std::make_unique<NewFile>(copies, copies / (makeUUID() + ".utf8"), L("cannot create working copy"));
     }
 
     LineIndex::Builder builder(table_->originalIndex().stride());
@@ -372,10 +398,14 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
             // Not ours to give away: the new file keeps the saver as owner.
         }
     }
-    temp.synchroniseAndClose();
-    if (copy) copy->synchroniseAndClose();
+    temp.synchronise();
+    if (copy) {
+        copy->synchronise();
+        copy->name(L("cannot create working copy"));
+    }
 
     // 12. The swap.
+    temp.name(cannotCreate);
     if (options.inPlace && loadMode_ != LoadMode::mapped && destExists) {
         copyContents(temp.path(), dest);
     } else {
@@ -403,6 +433,23 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     outcome.sameBytes = copy ? encoding.id == "utf8" && tableBOMLength == 0
                              : bytesUnchanged && options.writeBOM == (tableBOMLength > 0);
     return outcome;
+}
+
+std::size_t TextDocument::removeAbandonedTemporaryFiles(const std::filesystem::path& folder) {
+    DIR* directory = ::opendir(folder.c_str());
+    if (directory == nullptr) return 0;
+    std::size_t removed = 0;
+    while (const dirent* entry = ::readdir(directory)) {
+        if (!isTemporaryName(entry->d_name)) continue;
+        const auto path = folder / entry->d_name;
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0) continue;
+        // A save in progress holds the lock; a file nobody holds was left by a save that died.
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0 && ::unlink(path.c_str()) == 0) ++removed;
+        ::close(fd);
+    }
+    ::closedir(directory);
+    return removed;
 }
 
 void TextDocument::adoptSaved(SaveOutcome outcome) {

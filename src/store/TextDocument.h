@@ -363,6 +363,9 @@ public:
     /// outcome marked `cancelled`.
     [[nodiscard]] SaveOutcome writeOut(const std::filesystem::path& dest, const WriteOptions& options,
                                        const Progress& progress = {}, const IsCancelled& isCancelled = {}) const;
+    /// Removes the temporary files of saves into `folder` that died before they finished (no live
+    /// process holds them); returns how many went. Never fails. Opening and saving call it.
+    static std::size_t removeAbandonedTemporaryFiles(const std::filesystem::path& folder);
     /// Takes a finished save in: main thread. Throws `BrimError` "Could not save the file" when the new
     /// file can't be read back; the document keeps its old table then.
     void adoptSaved(SaveOutcome outcome);
