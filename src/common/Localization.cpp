@@ -1,11 +1,19 @@
 #include "common/Localization.h"
 
+#include <nlohmann/json.hpp>
+
 #include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 namespace brim::Localization {
+
+namespace detail {
+// The catalogue file of a language code, embedded at build time; empty when there is none.
+std::string_view embeddedCatalogue(std::string_view code);
+} // namespace detail
 
 namespace {
 
@@ -129,9 +137,42 @@ void configure(std::string_view appLanguageWord) { setCurrent(languageForWord(ap
 
 std::string string(std::string_view key) { return string(key, current()); }
 
-std::string string(std::string_view key, AppLanguage /*language*/) {
-    // Catalogues for the other languages are looked up here once they are loaded.
-    return std::string(key);
+std::string_view code(AppLanguage language) {
+    switch (language) {
+    case AppLanguage::german: return "de";
+    case AppLanguage::french: return "fr";
+    case AppLanguage::italian: return "it";
+    case AppLanguage::spanish: return "es";
+    case AppLanguage::system:
+    case AppLanguage::english: return "en";
+    }
+    return "en";
+}
+
+const Catalogue& catalogue(AppLanguage language) {
+    static constexpr std::size_t languageCount = 6;
+    static std::array<std::once_flag, languageCount> parsed;
+    static std::array<Catalogue, languageCount> catalogues;
+    const auto index = static_cast<std::size_t>(language);
+    std::call_once(parsed[index], [&] {
+        if (language == AppLanguage::english || language == AppLanguage::system) return;
+        // The build refuses a catalogue that is not a JSON object, so a failure here is not
+        // expected; the keys then stand untranslated rather than the program stopping.
+        const auto document = nlohmann::json::parse(detail::embeddedCatalogue(code(language)), nullptr, false);
+        if (!document.is_object()) return;
+        for (const auto& [key, value] : document.items()) {
+            if (value.is_string() && !value.get_ref<const std::string&>().empty()) {
+                catalogues[index].emplace(key, value.get<std::string>());
+            }
+        }
+    });
+    return catalogues[index];
+}
+
+std::string string(std::string_view key, AppLanguage language) {
+    const auto& entries = catalogue(language);
+    const auto found = entries.find(key);
+    return found == entries.end() ? std::string(key) : found->second;
 }
 
 std::string format(std::string_view pattern, std::span<const LocalizedArgument> arguments) {

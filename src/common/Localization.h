@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -57,6 +59,16 @@ void configure(std::string_view appLanguageWord);
 /// The system's first preferred language from LANGUAGE, LC_ALL, LC_MESSAGES and LANG, in that
 /// order, ignoring "C" and "POSIX"; "en" when none says anything.
 [[nodiscard]] std::string systemPreferredLanguage();
+
+/// English text to translation, for one language.
+using Catalogue = std::map<std::string, std::string, std::less<>>;
+
+/// The catalogue the program carries for `language`, parsed once on first use; empty for English
+/// and `system`. An entry whose translation is empty is left out, so its key stands.
+[[nodiscard]] const Catalogue& catalogue(AppLanguage language);
+
+/// The two-letter code of a language: "de", "fr", "it", "es"; "en" for English and `system`.
+[[nodiscard]] std::string_view code(AppLanguage language);
 
 /// The translation of `key` in the current language; an unknown key stands as it is.
 [[nodiscard]] std::string string(std::string_view key);

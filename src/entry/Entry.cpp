@@ -4,6 +4,7 @@
 #include "common/UserResources.h"
 #include "entry/Branding.h"
 #include "entry/Commands.h"
+#include "settings/Settings.h"
 
 #include <array>
 #include <cstdio>
@@ -131,6 +132,8 @@ int run(std::vector<std::string> raw) {
             break;
         }
     }
+    // The language the user chose in the settings, else the system's: one small file read.
+    Localization::configure(Settings::storedAppLanguageWord());
 
     if (first == "--export-icon" && count >= 3) return exportIconCommand(all);
     if (first == "--version") {
