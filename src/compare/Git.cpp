@@ -107,13 +107,14 @@ void setExecutable(std::optional<std::filesystem::path> path, bool resetToSearch
 }
 
 std::optional<Output> run(std::span<const std::string> arguments, const std::filesystem::path& folder,
-                          std::chrono::milliseconds timeout, std::size_t outputLimit) {
+                          std::chrono::milliseconds timeout, std::size_t outputLimit, std::optional<std::string> input) {
     const auto git = executable();
     if (!git) return std::nullopt;
     Subprocess::Options options;
     options.workingFolder = folder;
     options.timeout = timeout;
     options.outputLimit = outputLimit;
+    options.input = std::move(input);
     // Nothing may stop to ask a question, and nothing may take a lock the user's own git wants.
     options.environment = {{"GIT_PAGER", "cat"},
                            {"GIT_TERMINAL_PROMPT", "0"},
@@ -239,9 +240,16 @@ std::optional<BlameLine> blame(std::string_view path, std::int64_t line, const s
 }
 
 std::optional<std::vector<BlameLine>> blameFile(std::string_view path, const std::filesystem::path& root,
-                                                std::size_t maxLines) {
+                                                std::size_t maxLines, std::optional<std::span<const std::uint8_t>> contents) {
     if (path.empty()) return std::nullopt;
-    const auto output = runIn(root, {"blame", "--porcelain", "--", std::string(path)}, 30s, 64 * mebibyte);
+    std::vector<std::string> arguments = {"blame", "--porcelain"};
+    std::optional<std::string> input;
+    if (contents) {
+        arguments.insert(arguments.end(), {"--contents", "-"});
+        input = std::string(contents->begin(), contents->end());
+    }
+    arguments.insert(arguments.end(), {"--", std::string(path)});
+    const auto output = run(arguments, root, 30s, 64 * mebibyte, std::move(input));
     if (!succeeded(output)) return std::nullopt;
     // Output cut at the limit still holds whole records up to there; the lines past it stay unknown.
     return parsePorcelain(text(output->output), maxLines);

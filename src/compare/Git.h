@@ -61,8 +61,10 @@ void setExecutable(std::optional<std::filesystem::path> path, bool resetToSearch
 /// GIT_ASKPASS "/usr/bin/false", standard input from the null device, and GIT_DIR and its kin
 /// taken out of the environment so the folder decides the repository. None when there is no git or
 /// it could not be started.
+/// With `input`, that is standard input instead.
 [[nodiscard]] std::optional<Output> run(std::span<const std::string> arguments, const std::filesystem::path& folder,
-                                        std::chrono::milliseconds timeout, std::size_t outputLimit);
+                                        std::chrono::milliseconds timeout, std::size_t outputLimit,
+                                        std::optional<std::string> input = std::nullopt);
 
 /// The repository that holds `path`: its folder (or `path` itself if it is a folder), symbolic
 /// links resolved, walked upward. No process is started.
@@ -104,9 +106,12 @@ void forgetBranches();
 [[nodiscard]] std::optional<BlameLine> blame(std::string_view path, std::int64_t line, const std::filesystem::path& root);
 
 /// Who last changed each line of `path` as it is in the working tree, in line order, at most
-/// `maxLines` of them. None when git gives no answer (an untracked file, no repository, a time-out).
+/// `maxLines` of them; with `contents`, of those bytes instead (an editor's unsaved text), whose
+/// lines not in HEAD are uncommitted. None when git gives no answer (an untracked file, no
+/// repository, a time-out).
 [[nodiscard]] std::optional<std::vector<BlameLine>> blameFile(std::string_view path, const std::filesystem::path& root,
-                                                              std::size_t maxLines);
+                                                              std::size_t maxLines,
+                                                              std::optional<std::span<const std::uint8_t>> contents = std::nullopt);
 
 /// The lines of `git blame --porcelain` or `--line-porcelain` output, at most `maxLines`. Commit
 /// details are remembered from the first record that gives them. Never fails: what can't be read
