@@ -61,7 +61,7 @@ struct Profile {
 
 // The share of the forty simplified or traditional characters among the ideographs of real Chinese,
 // below which their evidence is weighed down in proportion.
-constexpr double formsDensity = 0.04;
+constexpr double formsDensity = 0.08;
 
 std::int64_t ideographs(std::u32string_view text) {
     const std::size_t limit = std::min(text.size(), latinWordScalars);
@@ -409,6 +409,79 @@ std::optional<EncodingDetection> detectUTF16WithoutBOM(std::span<const std::uint
     if (static_cast<double>(evenZeros) > half && oddZeros < few) {
         return answer(TextEncoding::utf16be(), 0.85, L("NUL byte pattern"));
     }
+    if (auto found = detectUTF32WithoutBOM(head.first(n))) return found;
+    return detectUTF16CodeUnits(head.first(n));
+}
+
+std::optional<EncodingDetection> detectUTF32WithoutBOM(std::span<const std::uint8_t> head) {
+    const std::size_t units = head.size() / 4;
+    if (units < 4) return std::nullopt;
+    for (const bool bigEndian : {false, true}) {
+        bool plausible = true;
+        std::size_t ascii = 0;
+        for (std::size_t i = 0; i < units && plausible; ++i) {
+            const auto* unit = head.data() + 4 * i;
+            const std::uint32_t value = bigEndian ? (std::uint32_t{unit[0]} << 24) | (std::uint32_t{unit[1]} << 16) |
+                                                        (std::uint32_t{unit[2]} << 8) | unit[3]
+                                                  : (std::uint32_t{unit[3]} << 24) | (std::uint32_t{unit[2]} << 16) |
+                                                        (std::uint32_t{unit[1]} << 8) | unit[0];
+            plausible = value <= 0x10FFFF && !(value >= 0xD800 && value <= 0xDFFF) &&
+                        (value >= 0x20 || value == '\t' || value == '\n' || value == '\r');
+            if (value < 0x80) ++ascii;
+        }
+        // Text has spaces, line breaks or digits somewhere, so some units are ASCII.
+        if (plausible && ascii * 10 >= units) {
+            return answer(bigEndian ? TextEncoding::utf32be() : TextEncoding::utf32le(), 0.85, L("NUL byte pattern"));
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<EncodingDetection> detectUTF16CodeUnits(std::span<const std::uint8_t> head) {
+    const std::size_t units = head.size() / 2;
+    if (units < 8) return std::nullopt;
+    for (const bool bigEndian : {false, true}) {
+        std::array<std::size_t, 256> highCount{};
+        std::array<bool, 256> lowSeen{};
+        std::size_t zeroLow = 0;
+        std::size_t eastAsian = 0;
+        bool plausible = true;
+        for (std::size_t i = 0; i < units && plausible; ++i) {
+            const std::uint8_t high = head[2 * i + (bigEndian ? 0 : 1)];
+            const std::uint8_t low = head[2 * i + (bigEndian ? 1 : 0)];
+            const auto unit = static_cast<char16_t>((high << 8) | low);
+            // Controls other than tab and line breaks, lone surrogates, noncharacters: not text.
+            plausible = !(unit < 0x20 && unit != '\t' && unit != '\n' && unit != '\r') && unit != 0xFFFE &&
+                        unit != 0xFFFF && !(unit >= 0xDC00 && unit <= 0xDFFF);
+            if (unit >= 0xD800 && unit <= 0xDBFF) {
+                const bool paired = i + 1 >= units || (head[2 * (i + 1) + (bigEndian ? 0 : 1)] & 0xFC) == 0xDC;
+                plausible = plausible && paired;
+                ++i;
+                continue;
+            }
+            ++highCount[high];
+            lowSeen[low] = true;
+            if (low == 0 && high != 0) ++zeroLow;
+            if ((unit >= 0x3000 && unit <= 0x30FF) || (unit >= 0x3400 && unit <= 0x9FFF) ||
+                (unit >= 0xAC00 && unit <= 0xD7AF) || (unit >= 0xFF00 && unit <= 0xFFEF)) {
+                ++eastAsian;
+            }
+        }
+        if (!plausible) continue;
+        const std::size_t ascii = highCount[0];
+        const auto distinctLow = static_cast<std::size_t>(std::count(lowSeen.begin(), lowSeen.end(), true));
+        // Text in one alphabet: its units share one high byte (0x03 Greek, 0x04 Cyrillic, 0x05 Hebrew,
+        // 0x06 Arabic...), with spaces, digits and line breaks under 0x00 beside it.
+        std::size_t script = 0;
+        for (std::size_t high = 1; high < 256; ++high) script = std::max(script, highCount[high]);
+        const bool alphabet = ascii * 20 >= units && script * 5 >= units && (ascii + script) * 10 >= units * 9;
+        // Text in ideographs, kana and Hangul, with some ASCII among them.
+        const bool ideographic = ascii * 50 >= units && eastAsian * 2 >= units && (ascii + eastAsian) * 20 >= units * 19;
+        if ((alphabet || ideographic) && distinctLow >= 10 && zeroLow * 10 < units) {
+            return answer(bigEndian ? TextEncoding::utf16be() : TextEncoding::utf16le(), 0.8,
+                          L("the pattern of UTF-16 code units"));
+        }
+    }
     return std::nullopt;
 }
 
@@ -447,7 +520,36 @@ std::optional<EncodingDetection> detectEBCDIC(std::span<const std::uint8_t> samp
         share(punctuation) < 0.05) {
         return answer(ebcdicPage(sample), 0.8, L("EBCDIC letter and digit ranges"));
     }
-    return std::nullopt;
+    return detectEBCDICBySpacing(sample.first(n));
+}
+
+std::optional<EncodingDetection> detectEBCDICBySpacing(std::span<const std::uint8_t> bytes) {
+    // The Greek, Cyrillic, Hebrew and Arabic pages keep their letters outside the Latin ranges, but every
+    // page spaces its words with 0x40, which ASCII text hardly uses, and has no ASCII blanks.
+    if (bytes.size() < 64) return std::nullopt;
+    std::size_t ebcdicSpaces = 0, asciiSpaces = 0, controls = 0;
+    for (const std::uint8_t b : bytes) {
+        if (b == 0x40) ++ebcdicSpaces;
+        if (b == 0x20) ++asciiSpaces;
+        if (b < 0x40 && b != 0x05 && b != 0x0D && b != 0x15 && b != 0x25) ++controls;
+    }
+    const auto n = static_cast<double>(bytes.size());
+    if (static_cast<double>(ebcdicSpaces) / n < 0.08 || asciiSpaces * 20 > ebcdicSpaces || static_cast<double>(controls) / n > 0.02) {
+        return std::nullopt;
+    }
+    std::vector<std::uint8_t> kept;
+    for (const std::uint8_t b : bytes) {
+        if (b >= 0x40) kept.push_back(b);
+    }
+    std::vector<TextEncoding> pages = TextEncoding::ebcdicDetectionPages();
+    if (const TextEncoding* cyrillic = TextEncoding::byId("ebcdic1025")) pages.push_back(*cyrillic);
+    std::optional<EncodingScorer::Scored> best;
+    for (const auto& page : pages) {
+        const auto value = EncodingScorer::score(kept, page);
+        if (value && (!best || *value > best->score + 0.0001)) best = EncodingScorer::Scored{page, *value};
+    }
+    if (!best || best->score < 2.0) return std::nullopt;
+    return answer(best->encoding, 0.75, L("EBCDIC spaces, page read from the text"));
 }
 
 const TextEncoding& ebcdicPage(std::span<const std::uint8_t> bytes) {
@@ -472,8 +574,18 @@ const TextEncoding& ebcdicPage(std::span<const std::uint8_t> bytes) {
     const TextEncoding* best = &fallbackPage;
     double bestScore = -1.0;
     for (const auto& page : TextEncoding::ebcdicDetectionPages()) {
-        const auto value = EncodingScorer::score(kept, page);
-        if (value && *value > bestScore + 0.0001) {
+        auto value = EncodingScorer::score(kept, page);
+        if (!value) continue;
+        // A telling byte between two letters is a letter of the page; a page that reads it as ASCII
+        // punctuation escapes the scorer, which looks at the characters beyond ASCII only.
+        std::size_t nonLetters = 0;
+        for (std::size_t i = 1; i + 1 < bytes.size(); ++i) {
+            if (!differing[bytes[i]] || !isEBCDICLetterOrDigit(bytes[i - 1]) || !isEBCDICLetterOrDigit(bytes[i + 1])) continue;
+            const char16_t unit = (*page.table)[bytes[i]];
+            if (unit < 0x80 && !((unit | 0x20) >= 'a' && (unit | 0x20) <= 'z')) ++nonLetters;
+        }
+        *value -= 4.0 * static_cast<double>(nonLetters) / static_cast<double>(between);
+        if (*value > bestScore + 0.0001) {
             best = &page;
             bestScore = *value;
         }
@@ -623,6 +735,20 @@ std::vector<TextEncoding> legacyCandidates(bool hasC1Bytes, const TextEncoding& 
           &TextEncoding::cp1253(), &TextEncoding::cp1254(), &TextEncoding::cp1257()}) {
         if (hasC1Bytes && (encoding->id == "latin1" || encoding->id == "latin9" || encoding->id == "latin2")) continue;
         candidates.push_back(*encoding);
+    }
+    // Beyond the everyday sets: the single-byte sets of the catalogue that text is still found in. The
+    // ISO sets read 0x80-0x9F as controls and drop out with the others when those bytes occur.
+    static const std::vector<std::pair<const char*, bool>> more = {
+        {"cp850", false},    {"cp437", false},    {"latin5", true},    {"latin4", true},    {"latin7", true},
+        {"latin10", true},   {"latin3", true},    {"latin6", true},    {"latin8", true},    {"cp852", false},
+        {"cp775", false},    {"maccentraleurope", false},              {"iso88595", true},  {"cp866", false},   {"cp1125", false},
+        {"cp855", false},    {"koi8u", false},    {"maccyrillic", false},                   {"iso88597", true},
+        {"cp737", false},    {"macgreek", false}, {"cp1255", false},   {"iso88598", true},  {"cp862", false},
+        {"cp1256", false},   {"iso88596", true},  {"cp874", false},    {"cp1258", false},   {"cp857", false},
+    };
+    for (const auto& [id, iso] : more) {
+        if (hasC1Bytes && iso) continue;
+        if (const TextEncoding* encoding = TextEncoding::byId(id)) candidates.push_back(*encoding);
     }
     if (std::find(candidates.begin(), candidates.end(), fallback) == candidates.end()) candidates.push_back(fallback);
     return candidates;

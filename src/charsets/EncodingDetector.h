@@ -66,8 +66,15 @@ struct Sample {
 // The steps of a detection, each answering or passing.
 
 [[nodiscard]] std::optional<EncodingDetection> detectBOM(std::span<const std::uint8_t> head);
+/// UTF-16 by its NUL bytes, then UTF-32 and UTF-16 by the pattern of their code units.
 [[nodiscard]] std::optional<EncodingDetection> detectUTF16WithoutBOM(std::span<const std::uint8_t> head);
+/// UTF-32 whose every unit is a scalar of text, some of them ASCII.
+[[nodiscard]] std::optional<EncodingDetection> detectUTF32WithoutBOM(std::span<const std::uint8_t> head);
+/// UTF-16 whose units are mostly of one alphabet beside ASCII, or mostly ideographs, kana and Hangul.
+[[nodiscard]] std::optional<EncodingDetection> detectUTF16CodeUnits(std::span<const std::uint8_t> head);
 [[nodiscard]] std::optional<EncodingDetection> detectEBCDIC(std::span<const std::uint8_t> sample);
+/// EBCDIC of any page by its word spaces (0x40), the page chosen by scoring.
+[[nodiscard]] std::optional<EncodingDetection> detectEBCDICBySpacing(std::span<const std::uint8_t> bytes);
 /// Which EBCDIC page the bytes are in; `ebcdic037` unless the text tells the pages apart.
 [[nodiscard]] const TextEncoding& ebcdicPage(std::span<const std::uint8_t> bytes);
 /// The mixed Japanese EBCDIC pages, given the codecs of pages 939 and 1399.

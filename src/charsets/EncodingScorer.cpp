@@ -30,9 +30,65 @@ constexpr char32_t plausibleSymbols[] = {
     0x00AB, 0x00BB, 0x2013, 0x2014, 0x2018, 0x2019, 0x201C, 0x201D, 0x201E, 0x2026, 0x2022,
     0x00B7, 0x00B0, 0x00A7, 0x00A9, 0x00AE, 0x20AC, 0x00A3, 0x00A5, 0x00A2, 0x00B1, 0x00D7,
     0x00F7, 0x00A1, 0x00BF, 0x2039, 0x203A, 0x2122, 0x2030, 0x2020, 0x2021, 0x00B5};
-constexpr std::string_view russianLetters = "оеаинтсрвлкмдпуяыьгзбчйх";
-constexpr double russianPercent[] = {11.0, 8.5, 8.0, 7.4, 6.7, 6.3, 5.5, 4.7, 4.5, 4.3, 3.5, 3.2,
-                                     3.0,  2.8, 2.6, 2.0, 1.9, 1.7, 1.7, 1.6, 1.6, 1.5, 1.2, 1.0};
+// Letter frequencies in percent of running text, by language. Russian's are the reference; the others
+// let Ukrainian, Bulgarian, Serbian and Greek text be told from a misreading in the same way.
+struct FrequencyTable {
+    std::string_view letters;
+    std::initializer_list<double> percent;
+};
+const FrequencyTable cyrillicFrequencies[] = {
+    {"оеаинтсрвлкмдпуяыьгзбчйх",
+     {11.0, 8.5, 8.0, 7.4, 6.7, 6.3, 5.5, 4.7, 4.5, 4.3, 3.5, 3.2, 3.0, 2.8, 2.6, 2.0, 1.9, 1.7, 1.7, 1.6, 1.6, 1.5, 1.2, 1.0}},
+    {"оаниівтерсклудмпязьгбчйхїжшюцєщфґ",
+     {9.4, 8.3, 7.0, 6.1, 5.8, 5.2, 5.0, 4.9, 4.6, 4.1, 3.8, 3.5, 3.5, 3.3, 3.0, 2.9, 2.3, 2.3, 1.7, 1.6, 1.6, 1.4, 1.2,
+      1.1, 0.9, 0.9, 0.8, 0.8, 0.7, 0.6, 0.5, 0.3, 0.1}},
+    {"аоиентрсвклдпмъзягчубхжйцшщфюь",
+     {9.0, 8.7, 8.6, 8.4, 7.0, 7.0, 5.0, 4.5, 4.5, 3.4, 3.3, 3.3, 3.0, 2.7, 2.6, 2.0, 2.1, 1.5, 1.4, 1.4, 1.3, 0.9, 0.8,
+      0.8, 0.7, 0.7, 0.6, 0.3, 0.2, 0.1}},
+    {"аиоеснурјтвдкплмзгбчшћцњжљфђхџ",
+     {11.0, 9.5, 9.0, 8.5, 5.0, 6.0, 4.0, 4.5, 4.5, 4.5, 3.5, 3.5, 3.5, 3.0, 3.0, 3.0, 1.7, 1.6, 1.5, 1.2, 0.9, 0.8,
+      0.8, 0.5, 0.6, 0.4, 0.3, 0.2, 0.1, 0.1}},
+};
+const FrequencyTable greekFrequencies[] = {
+    {"αοτιενσηρπκυμλςάόέίδγήθχωύφβώξζψϊ",
+     {10.5, 9.0, 8.0, 7.5, 7.5, 6.5, 4.5, 4.5, 4.5, 4.0, 4.0, 3.5, 3.5, 2.8, 2.7, 2.0, 2.0, 1.8, 1.8, 1.8, 1.8,
+      1.2, 1.3, 1.2, 1.5, 1.0, 0.8, 0.6, 0.6, 0.4, 0.4, 0.2, 0.1}},
+};
+
+// The letters beyond ASCII that each language writes, lower case. A text whose accented letters one
+// language accounts for is believable; letters that no single language would mix are a misreading. A
+// list must not grow into a catch-all: a language that takes every accent explains every misreading.
+constexpr std::string_view languageLetters[] = {
+    "äöüß",                     // German
+    "éèàçêâîôûùëïÿœæ",          // French
+    "áéíóúñü",                  // Spanish
+    "ãõáéíóúçâêôà",             // Portuguese
+    "àèéìòùíóúî",               // Italian
+    "àèéíòóúçïü",               // Catalan
+    "éëïè",                     // Dutch
+    "æøåéóô",                   // Danish and Norwegian
+    "åäöé",                     // Swedish
+    "äöåšž",                    // Finnish
+    "áðéíóúýþæö",               // Icelandic
+    "áðíóúýæø",                 // Faroese
+    "äõöüšž",                   // Estonian
+    "āčēģīķļņšūž",              // Latvian
+    "ąčęėįšųūž",                // Lithuanian
+    "ąćęłńóśźż",                // Polish
+    "áčďéěíňóřšťúůýž",          // Czech
+    "áäčďéíĺľňóôŕšťúýž",        // Slovak
+    "čćđšž",                    // Slovene, Croatian, Bosnian, Serbian
+    "áéíóöőúüű",                // Hungarian
+    "ăâîșțşţ",                  // Romanian
+    "çğıöşüâîûİ",               // Turkish
+    "əçğıöşü",                  // Azerbaijani
+    "ëç",                       // Albanian
+    "ċġħżàèìòù",                // Maltese
+    "ĉĝĥĵŝŭ",                   // Esperanto
+    "âêîôûŵŷëï",                // Welsh
+    "áéíóú",                    // Irish
+    "àèìòù",                    // Scottish Gaelic
+};
 constexpr std::string_view simplifiedOnly = "这个们国说时会对后学电车门见长马书东关无发现义头让语边样还过两从业点为产话员认识";
 constexpr std::string_view traditionalOnly = "這個們國說時會對後學電車門見長馬書東關無發現義頭讓語邊樣還過兩從業點為產話員認識";
 constexpr std::string_view commonChinese =
@@ -54,7 +110,10 @@ constexpr std::size_t profileLimit = 20'000;
 struct LetterTables {
     std::array<std::uint8_t, 0x200> group{};
     std::array<bool, 0x200> rare{};
-    std::unordered_map<char32_t, double> russian;
+    std::vector<std::unordered_map<char32_t, double>> cyrillic;
+    std::vector<std::unordered_map<char32_t, double>> greek;
+    std::vector<std::u32string> languages;
+    std::unordered_set<char32_t> languageLetter;        // in some language's letters
     std::unordered_set<char32_t> simplified, traditional, chinese, korean;
 };
 
@@ -75,8 +134,21 @@ const LetterTables& tables() {
         for (const char32_t c : UnicodeText::toScalars(rareLetters)) {
             if (c < t.rare.size()) t.rare[c] = true;
         }
-        const auto russian = UnicodeText::toScalars(russianLetters);
-        for (std::size_t i = 0; i < russian.size(); ++i) t.russian[russian[i]] = russianPercent[i];
+        auto frequencies = [](const FrequencyTable& table) {
+            std::unordered_map<char32_t, double> percentByLetter;
+            const auto letters = UnicodeText::toScalars(table.letters);
+            std::size_t i = 0;
+            for (const double percent : table.percent) {
+                if (i < letters.size()) percentByLetter[letters[i++]] = percent;
+            }
+            return percentByLetter;
+        };
+        for (const auto& table : cyrillicFrequencies) t.cyrillic.push_back(frequencies(table));
+        for (const auto& table : greekFrequencies) t.greek.push_back(frequencies(table));
+        for (const auto letters : languageLetters) {
+            t.languages.push_back(UnicodeText::toScalars(letters));
+            for (const char32_t c : t.languages.back()) t.languageLetter.insert(c);
+        }
         for (const char32_t c : UnicodeText::toScalars(simplifiedOnly)) t.simplified.insert(c);
         for (const char32_t c : UnicodeText::toScalars(traditionalOnly)) t.traditional.insert(c);
         for (const char32_t c : UnicodeText::toScalars(commonChinese)) t.chinese.insert(c);
@@ -255,7 +327,15 @@ std::optional<std::u32string> readingForScore(std::span<const std::uint8_t> byte
     return std::nullopt;
 }
 
-std::optional<double> score(std::u32string_view text) {
+namespace {
+
+// A reading's mean score and the number of characters it is the mean of.
+struct Measure {
+    double mean = 0;
+    std::int64_t counted = 0;
+};
+
+std::optional<Measure> measure(std::u32string_view text) {
     const auto starts = clusterStarts(text);
     if (starts.empty()) return std::nullopt;
     const auto& t = tables();
@@ -267,9 +347,16 @@ std::optional<double> score(std::u32string_view text) {
     const Character space;
     double total = 0;
     std::int64_t counted = 0;
+    // Letters of the scripts with frequency tables, and the frequency sums under each table.
     std::int64_t cyrillic = 0;
-    double frequency = 0;
-    std::array<std::int64_t, 4> groups{};   // western, central, Turkish, Baltic
+    std::vector<double> cyrillicFrequency(t.cyrillic.size(), 0.0);
+    std::int64_t greek = 0;
+    std::vector<double> greekFrequency(t.greek.size(), 0.0);
+    // Letters beyond ASCII that have a case, and how many of them are capitals.
+    std::int64_t cased = 0;
+    std::int64_t upperCase = 0;
+    // Accented Latin letters, lower case, with their counts.
+    std::vector<std::pair<char32_t, std::int64_t>> accented;
 
     // A sliding window of three characters: the one before the previous, the previous and the current.
     Character beforePrevious = space;
@@ -303,27 +390,45 @@ std::optional<double> score(std::u32string_view text) {
                         total += inWord ? -4 : 1;
                     }
                 } else if (c.spaceOrPunctuation) {
-                    total += inWord ? -3 : 0.5;
+                    // Inside a word, or glued to the front of one without being an opening mark or
+                    // bracket, punctuation is where a letter of another set was.
+                    const auto category = u_charType(static_cast<UChar32>(c.first));
+                    const bool opening = category == U_START_PUNCTUATION || category == U_INITIAL_PUNCTUATION ||
+                                         category == U_DASH_PUNCTUATION || category == U_SPACE_SEPARATOR;
+                    const bool gluedToWord = !previous.letter && next.letter && !opening;
+                    total += inWord || gluedToWord ? -3 : 0.5;
                 } else {
-                    total -= 1;
+                    // Box drawing, arithmetic and the like: odd anywhere, and a sure misreading between letters.
+                    total += inWord ? -4 : -1;
                 }
             } else {
+                if (c.script != Script::latin || c.first >= 0x80) {
+                    if (c.upper) ++upperCase;
+                    if (c.upper || c.lower) ++cased;
+                }
                 if (c.lower && next.letter && next.upper) total -= 10;
                 if (c.upper && previous.letter && previous.lower) total -= 10;
                 const bool sameScript = (previous.letter && previous.script == c.script) ||
                                         (next.letter && next.script == c.script);
+                const auto lower = static_cast<char32_t>(u_tolower(static_cast<UChar32>(c.first)));
                 if (c.script == Script::greek || c.script == Script::cyrillic) {
                     total += sameScript ? 5 : -4;
-                    if (c.script == Script::cyrillic) {
-                        ++cyrillic;
-                        const auto found = t.russian.find(static_cast<char32_t>(u_tolower(static_cast<UChar32>(c.first))));
-                        if (found != t.russian.end()) frequency += found->second;
+                    const bool isCyrillic = c.script == Script::cyrillic;
+                    const auto& tables = isCyrillic ? t.cyrillic : t.greek;
+                    auto& sums = isCyrillic ? cyrillicFrequency : greekFrequency;
+                    ++(isCyrillic ? cyrillic : greek);
+                    for (std::size_t k = 0; k < tables.size(); ++k) {
+                        const auto found = tables[k].find(lower);
+                        if (found != tables[k].end()) sums[k] += found->second;
                     }
                 } else if (c.script == Script::other) {
-                    total += sameScript ? 3 : 0;
+                    // Letters of the other alphabets (Hebrew, Arabic, Thai...) count as Greek and Cyrillic do.
+                    total += sameScript ? 5 : 0;
                 } else {
-                    const auto letterGroup = c.length == 1 ? group(c.first) : std::nullopt;
-                    if (!letterGroup) {
+                    // Dotted capital I lower-cases to ASCII; it is Turkish, and stays itself.
+                    const char32_t key = c.first == 0x130 ? c.first : lower;
+                    const bool known = c.length == 1 && (group(c.first) || t.languageLetter.contains(key));
+                    if (!known) {
                         if (c.length == 1 && c.first < t.rare.size() && t.rare[c.first]) {
                             total -= 2;
                         } else {
@@ -331,7 +436,12 @@ std::optional<double> score(std::u32string_view text) {
                         }
                     } else {
                         total += nearLetter ? 6 : 4;
-                        if (*letterGroup != LetterGroup::shared) ++groups[static_cast<std::size_t>(*letterGroup)];
+                        auto entry = std::find_if(accented.begin(), accented.end(), [&](const auto& e) { return e.first == key; });
+                        if (entry == accented.end()) {
+                            accented.emplace_back(key, 1);
+                        } else {
+                            ++entry->second;
+                        }
                     }
                     if (!nearLetter) total -= 4;
                     const auto accentedLatin = [](const Character& x) {
@@ -346,37 +456,71 @@ std::optional<double> score(std::u32string_view text) {
         current = next;
     }
     if (counted == 0) return std::nullopt;
+    // Accented letters that one language accounts for support each other; those it leaves over are
+    // punished hard, since no text mixes the letters of unrelated languages.
     std::int64_t sum = 0;
-    std::int64_t top = 0;
-    for (const auto n : groups) {
-        sum += n;
-        top = std::max(top, n);
+    for (const auto& [letter, n] : accented) sum += n;
+    if (sum > 0) {
+        std::int64_t top = 0;
+        for (const auto& letters : t.languages) {
+            std::int64_t covered = 0;
+            for (const auto& [letter, n] : accented) {
+                if (letters.find(letter) != std::u32string::npos) covered += n;
+            }
+            top = std::max(top, covered);
+        }
+        total += static_cast<double>(std::min<std::int64_t>(top, 3)) * 1.5 - 6.0 * static_cast<double>(sum - top);
     }
-    if (top > 0) total += static_cast<double>(std::min<std::int64_t>(top, 3)) * 1.5 - 6.0 * static_cast<double>(sum - top);
-    if (cyrillic >= 5) {
-        const auto letters = static_cast<double>(cyrillic);
-        return (total + (frequency / letters - 4.5) * 1.2 * letters) / static_cast<double>(counted);
-    }
-    return total / static_cast<double>(counted);
+    // How much like the language the letters of a script are: the best table's mean frequency against
+    // 4.5%, about what a reading that puts letters in the wrong places scores.
+    auto frequencyTerm = [](std::int64_t letters, const std::vector<double>& sums) {
+        if (letters < 5 || sums.empty()) return 0.0;
+        const double best = *std::max_element(sums.begin(), sums.end());
+        const auto n = static_cast<double>(letters);
+        return (best / n - 4.5) * 1.2 * n;
+    };
+    total += frequencyTerm(cyrillic, cyrillicFrequency) + frequencyTerm(greek, greekFrequency);
+    // Running text is mostly small letters; a reading in which nearly every letter is a capital has put
+    // another alphabet's letters, or the other case's, in their place.
+    if (cased >= 8 && upperCase * 10 > cased * 8) total -= 2.0 * static_cast<double>(upperCase);
+    return Measure{total / static_cast<double>(counted), counted};
+}
+
+std::optional<Measure> measure(std::span<const std::uint8_t> bytes, const TextEncoding& encoding) {
+    const auto text = readingForScore(bytes, encoding);
+    if (!text) return std::nullopt;
+    return measure(std::u32string_view(*text));
+}
+
+} // namespace
+
+std::optional<double> score(std::u32string_view text) {
+    const auto found = measure(text);
+    if (!found) return std::nullopt;
+    return found->mean;
 }
 
 std::optional<double> score(std::span<const std::uint8_t> bytes, const TextEncoding& encoding) {
-    const auto text = readingForScore(bytes, encoding);
-    if (!text) return std::nullopt;
-    return score(std::u32string_view(*text));
+    const auto found = measure(bytes, encoding);
+    if (!found) return std::nullopt;
+    return found->mean;
 }
 
 std::optional<Scored> best(std::span<const std::uint8_t> bytes, std::span<const TextEncoding> candidates) {
     std::optional<Scored> chosen;
+    std::int64_t chosenCount = 0;
     for (const auto& candidate : candidates) {
-        const auto value = score(bytes, candidate);
+        const auto value = measure(bytes, candidate);
         if (!value) continue;
-        if (!chosen) {
-            chosen = Scored{candidate, *value};
-        } else if (*value > chosen->score + 0.1) {
-            chosen = Scored{candidate, *value};
-        } else if (std::fabs(*value - chosen->score) <= 0.1 && tieRank(candidate) < tieRank(chosen->encoding)) {
-            chosen = Scored{candidate, *value};
+        const double difference = value->mean - (chosen ? chosen->score : 0.0);
+        // Two readings within 0.1 of each other are a tie, unless their totals are apart by more than one
+        // character's worth: a long text in which one letter reads as a letter in one set and as a stray
+        // symbol in the other has told them apart.
+        const double total = std::fabs(difference) * static_cast<double>(std::max(chosenCount, value->counted));
+        const bool tie = std::fabs(difference) <= 0.1 && total < 4.0;
+        if (!chosen || (!tie && difference > 0) || (tie && tieRank(candidate) < tieRank(chosen->encoding))) {
+            chosen = Scored{candidate, value->mean};
+            chosenCount = value->counted;
         }
     }
     return chosen;
