@@ -249,6 +249,26 @@ private:
     std::span<const std::uint8_t> view_;
 };
 
+/// Room to write into without clearing it first: a vector's `resize` would fill every byte with zero
+/// before the converter overwrites it, which costs as much as the conversion itself.
+class RawBuffer {
+public:
+    std::uint8_t* reserve(std::size_t count) {
+        if (count > capacity_) {
+            data_ = std::make_unique_for_overwrite<std::uint8_t[]>(count);
+            capacity_ = count;
+        }
+        return data_.get();
+    }
+    void appendTo(std::vector<std::uint8_t>& out, const std::uint8_t* end) const {
+        out.insert(out.end(), static_cast<const std::uint8_t*>(data_.get()), end);
+    }
+
+private:
+    std::unique_ptr<std::uint8_t[]> data_;
+    std::size_t capacity_ = 0;
+};
+
 // Single-byte sets: every byte's UTF-8 looked up in a table built once per set.
 struct ByteTable {
     std::array<std::array<std::uint8_t, 16>, 256> utf8{};
@@ -301,13 +321,17 @@ std::shared_ptr<const ByteTable> byteTableFor(const TextEncoding& encoding) {
 
 class TableDecoder final : public Side {
 public:
-    explicit TableDecoder(std::shared_ptr<const ByteTable> table) : table_(std::move(table)) {}
+    explicit TableDecoder(std::shared_ptr<const ByteTable> table) : table_(std::move(table)) {
+        for (std::uint8_t length : table_->length) {
+            longest_ = std::max<std::size_t>(longest_, length);
+        }
+    }
 
     void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
         const ByteTable& table = *table_;
-        const std::size_t start = out.size();
-        out.resize(start + in.size() * 16);
-        std::uint8_t* write = out.data() + start;
+        // Each entry is copied as 16 bytes and the pointer moved by its length: room for the overhang.
+        std::uint8_t* const begin = buffer_.reserve(in.size() * longest_ + 16);
+        std::uint8_t* write = begin;
         const std::uint8_t* read = in.data();
         const std::uint8_t* end = read + in.size();
         while (read < end) {
@@ -325,12 +349,11 @@ public:
             if (table.invalid[byte]) {
                 noteInvalid(report, consumed_ + (read - in.data()));
             }
-            const std::uint8_t length = table.length[byte];
             std::memcpy(write, table.utf8[byte].data(), 16);
-            write += length;
+            write += table.length[byte];
             ++read;
         }
-        out.resize(static_cast<std::size_t>(write - out.data()));
+        buffer_.appendTo(out, write);
         consumed_ += static_cast<std::int64_t>(in.size());
     }
     void finish(std::vector<std::uint8_t>&, ConversionReport&) override {}
@@ -338,7 +361,28 @@ public:
 
 private:
     std::shared_ptr<const ByteTable> table_;
+    std::size_t longest_ = 1;
+    RawBuffer buffer_;
 };
+
+std::uint8_t* writeUTF8(std::uint8_t* write, char32_t scalar) {
+    if (scalar < 0x80) {
+        *write++ = static_cast<std::uint8_t>(scalar);
+    } else if (scalar < 0x800) {
+        *write++ = static_cast<std::uint8_t>(0xC0 | (scalar >> 6));
+        *write++ = static_cast<std::uint8_t>(0x80 | (scalar & 0x3F));
+    } else if (scalar < 0x10000) {
+        *write++ = static_cast<std::uint8_t>(0xE0 | (scalar >> 12));
+        *write++ = static_cast<std::uint8_t>(0x80 | ((scalar >> 6) & 0x3F));
+        *write++ = static_cast<std::uint8_t>(0x80 | (scalar & 0x3F));
+    } else {
+        *write++ = static_cast<std::uint8_t>(0xF0 | (scalar >> 18));
+        *write++ = static_cast<std::uint8_t>(0x80 | ((scalar >> 12) & 0x3F));
+        *write++ = static_cast<std::uint8_t>(0x80 | ((scalar >> 6) & 0x3F));
+        *write++ = static_cast<std::uint8_t>(0x80 | (scalar & 0x3F));
+    }
+    return write;
+}
 
 class UTFDecoder final : public Side {
 public:
@@ -349,15 +393,32 @@ public:
         const std::span<const std::uint8_t> bytes = joined.bytes();
         const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
         held_.clear();
-        out.reserve(out.size() + bytes.size() * 2);
+        // At most three bytes of UTF-8 for two of UTF-16, four for four.
+        std::uint8_t* const begin = buffer_.reserve(bytes.size() * 2 + 16);
+        std::uint8_t* write = begin;
         const std::size_t w = static_cast<std::size_t>(width_);
+        const std::uint8_t* data = bytes.data();
         std::size_t i = 0;
         const std::size_t count = bytes.size();
+        const bool fastASCII = width_ == 2 && !bigEndian_;
         while (i + w <= count) {
-            const std::uint32_t unit = read(&bytes[i]);
+            if (fastASCII && i + 8 <= count) {
+                std::uint64_t word = 0;
+                std::memcpy(&word, data + i, 8);
+                if ((word & 0xFF80FF80FF80FF80ULL) == 0) {
+                    write[0] = data[i];
+                    write[1] = data[i + 2];
+                    write[2] = data[i + 4];
+                    write[3] = data[i + 6];
+                    write += 4;
+                    i += 8;
+                    continue;
+                }
+            }
+            const std::uint32_t unit = read(data + i);
             if (width_ == 2) {
-                if (unit < 0x80) {
-                    out.push_back(static_cast<std::uint8_t>(unit));
+                if (unit < 0xD800 || unit > 0xDFFF) {
+                    write = writeUTF8(write, unit);
                     i += 2;
                     continue;
                 }
@@ -365,30 +426,27 @@ public:
                     if (i + 4 > count) {
                         break;      // the low half is in the next block
                     }
-                    const std::uint32_t low = read(&bytes[i + 2]);
+                    const std::uint32_t low = read(data + i + 2);
                     if (isLowSurrogate(low)) {
-                        appendUTF8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+                        write = writeUTF8(write, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
                         i += 4;
                         continue;
                     }
                 }
-                if (isHighSurrogate(unit) || isLowSurrogate(unit)) {
-                    noteInvalid(report, base + static_cast<std::int64_t>(i));
-                    out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
-                } else {
-                    appendUTF8(out, unit);
-                }
+                noteInvalid(report, base + static_cast<std::int64_t>(i));
+                write = writeUTF8(write, 0xFFFD);
                 i += 2;
             } else {
                 if (unit > 0x10FFFF || isHighSurrogate(unit) || isLowSurrogate(unit)) {
                     noteInvalid(report, base + static_cast<std::int64_t>(i));
-                    out.insert(out.end(), replacementUTF8.begin(), replacementUTF8.end());
+                    write = writeUTF8(write, 0xFFFD);
                 } else {
-                    appendUTF8(out, unit);
+                    write = writeUTF8(write, unit);
                 }
                 i += 4;
             }
         }
+        buffer_.appendTo(out, write);
         held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(i), bytes.end());
         consumed_ += static_cast<std::int64_t>(in.size());
     }
@@ -415,6 +473,7 @@ private:
     int width_;
     bool bigEndian_;
     std::vector<std::uint8_t> held_;
+    RawBuffer buffer_;
 };
 
 class DoubleByteDecoder final : public Side {
@@ -466,7 +525,7 @@ void toUnicodeCallback(const void* context, UConverterToUnicodeArgs* args, const
         return;
     }
     const auto* callback = static_cast<const ICUCallbackContext*>(context);
-    if (callback->report != nullptr) {
+    if (callback != nullptr && callback->report != nullptr) {
         noteInvalid(*callback->report, callback->base);
     }
     *status = U_ZERO_ERROR;
@@ -480,7 +539,7 @@ void fromUnicodeCallback(const void* context, UConverterFromUnicodeArgs* args, c
         return;
     }
     const auto* callback = static_cast<const ICUCallbackContext*>(context);
-    if (callback->report != nullptr) {
+    if (callback != nullptr && callback->report != nullptr) {
         noteUnwritable(*callback->report,
                        codePoint < 0 || isHighSurrogate(static_cast<std::uint32_t>(codePoint)) ||
                                isLowSurrogate(static_cast<std::uint32_t>(codePoint))
@@ -605,6 +664,175 @@ private:
     std::array<UChar, 8192> pivot_{};
     UChar* pivotSource_ = pivot_.data();
     UChar* pivotTarget_ = pivot_.data();
+};
+
+// MARK: double-byte system converters through a table
+
+/// What a stateless ICU converter of one- and two-byte characters reads, taken from the converter once
+/// per set: each single byte, and each pair after a lead byte. ICU reads a pair the same wherever it
+/// stands, so the table gives exactly ICU's text, including where an unreadable lead byte leaves its
+/// second byte to be read again, at table speed.
+struct PairTable {
+    struct Entry {
+        std::array<std::uint8_t, 11> utf8{};
+        std::uint8_t length = 0;
+        std::uint8_t consumed = 1;      // 2 for a pair read as one; 1 when the second byte is read again
+        bool invalid = false;
+    };
+    std::array<bool, 256> isLead{};
+    std::array<Entry, 256> single{};    // a lone byte; for a lead byte, what it reads as at the very end
+    std::vector<Entry> pairs = std::vector<Entry>(65'536);
+    bool asciiIdentity = true;
+};
+
+/// ICU's reading of `bytes`, as UTF-16 units with the index of the byte each came from.
+void readWithOffsets(UConverter* converter, std::span<const std::uint8_t> bytes, bool flush, std::u16string& units,
+                     std::vector<int32_t>& offsets, int32_t& pendingBytes) {
+    ucnv_reset(converter);
+    std::array<UChar, 16> target{};
+    std::array<int32_t, 16> sourceOffsets{};
+    UChar* write = target.data();
+    const char* read = reinterpret_cast<const char*>(bytes.data());
+    UErrorCode status = U_ZERO_ERROR;
+    ucnv_toUnicode(converter, &write, target.data() + target.size(), &read, read + bytes.size(), sourceOffsets.data(),
+                   flush, &status);
+    const auto count = static_cast<std::size_t>(write - target.data());
+    units.assign(target.data(), count);
+    offsets.assign(sourceOffsets.begin(), sourceOffsets.begin() + static_cast<std::ptrdiff_t>(count));
+    status = U_ZERO_ERROR;
+    pendingBytes = flush ? 0 : ucnv_toUCountPending(converter, &status);
+}
+
+PairTable::Entry entryFor(std::u16string_view units, std::uint8_t consumed) {
+    PairTable::Entry entry;
+    std::vector<std::uint8_t> utf8;
+    appendUTF16AsUTF8(utf8, units);
+    if (utf8.size() > entry.utf8.size()) {
+        utf8.assign(replacementUTF8.begin(), replacementUTF8.end());
+    }
+    std::copy(utf8.begin(), utf8.end(), entry.utf8.begin());
+    entry.length = static_cast<std::uint8_t>(utf8.size());
+    entry.consumed = consumed;
+    entry.invalid = units.find(u'\uFFFD') != std::u16string_view::npos;
+    return entry;
+}
+
+std::shared_ptr<const PairTable> pairTableFor(const std::string& name) {
+    static std::mutex cacheLock;
+    static std::map<std::string, std::shared_ptr<const PairTable>> cache;    // guarded by cacheLock
+    std::lock_guard lock(cacheLock);
+    if (auto found = cache.find(name); found != cache.end()) {
+        return found->second;
+    }
+    std::shared_ptr<const PairTable> result;
+    ConverterPointer converter = openICU(name);
+    if (converter && ucnv_getMaxCharSize(converter.get()) == 2 && ucnv_getMinCharSize(converter.get()) == 1 &&
+        (ucnv_getType(converter.get()) == UCNV_MBCS || ucnv_getType(converter.get()) == UCNV_DBCS)) {
+        UErrorCode status = U_ZERO_ERROR;
+        ucnv_setToUCallBack(converter.get(), toUnicodeCallback, nullptr, nullptr, nullptr, &status);
+        auto table = std::make_shared<PairTable>();
+        std::u16string units;
+        std::vector<int32_t> offsets;
+        int32_t pendingBytes = 0;
+        for (unsigned byte = 0; byte < 256; ++byte) {
+            const std::uint8_t single[] = {static_cast<std::uint8_t>(byte)};
+            readWithOffsets(converter.get(), single, false, units, offsets, pendingBytes);
+            table->isLead[byte] = pendingBytes > 0;
+            readWithOffsets(converter.get(), single, true, units, offsets, pendingBytes);
+            table->single[byte] = entryFor(units, 1);
+            if (byte < 0x80 && (table->isLead[byte] || units.size() != 1 || units[0] != byte)) {
+                table->asciiIdentity = false;
+            }
+        }
+        for (unsigned lead = 0; lead < 256; ++lead) {
+            if (!table->isLead[lead]) {
+                continue;
+            }
+            for (unsigned trail = 0; trail < 256; ++trail) {
+                const std::uint8_t pair[] = {static_cast<std::uint8_t>(lead), static_cast<std::uint8_t>(trail)};
+                readWithOffsets(converter.get(), pair, false, units, offsets, pendingBytes);
+                // Units that came from the second byte, or a second byte still waiting, mean ICU read
+                // only the first: the second is read again as the start of what follows.
+                std::size_t fromFirst = 0;
+                while (fromFirst < units.size() && offsets[fromFirst] == 0) {
+                    ++fromFirst;
+                }
+                const bool both = fromFirst == units.size() && pendingBytes == 0;
+                table->pairs[lead << 8 | trail] =
+                    entryFor(std::u16string_view(units).substr(0, fromFirst), both ? 2 : 1);
+            }
+        }
+        result = std::move(table);
+    }
+    cache.emplace(name, result);
+    return result;
+}
+
+class PairTableDecoder final : public Side {
+public:
+    explicit PairTableDecoder(std::shared_ptr<const PairTable> table) : table_(std::move(table)) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        const std::size_t used = run(bytes, out, report, base, false);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        std::vector<std::uint8_t> rest;
+        rest.swap(held_);
+        run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    std::size_t run(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out, ConversionReport& report,
+                    std::int64_t base, bool final) {
+        const PairTable& table = *table_;
+        std::uint8_t* const begin = buffer_.reserve(bytes.size() * 11 + 16);
+        std::uint8_t* write = begin;
+        const std::uint8_t* data = bytes.data();
+        const std::size_t count = bytes.size();
+        std::size_t i = 0;
+        while (i < count) {
+            if (table.asciiIdentity && i + 8 <= count) {
+                std::uint64_t word = 0;
+                std::memcpy(&word, data + i, 8);
+                if ((word & 0x8080808080808080ULL) == 0) {
+                    std::memcpy(write, data + i, 8);
+                    write += 8;
+                    i += 8;
+                    continue;
+                }
+            }
+            const std::uint8_t byte = data[i];
+            const PairTable::Entry* entry = &table.single[byte];
+            if (table.isLead[byte]) {
+                if (i + 1 == count) {
+                    if (!final) {
+                        break;      // the second byte is in the next block
+                    }
+                } else {
+                    entry = &table.pairs[static_cast<std::size_t>(byte) << 8 | data[i + 1]];
+                }
+            }
+            if (entry->invalid) {
+                noteInvalid(report, base + static_cast<std::int64_t>(i));
+            }
+            std::memcpy(write, entry->utf8.data(), entry->utf8.size());
+            write += entry->length;
+            i += entry->consumed;
+        }
+        buffer_.appendTo(out, write);
+        return i;
+    }
+
+    std::shared_ptr<const PairTable> table_;
+    std::vector<std::uint8_t> held_;
+    RawBuffer buffer_;
 };
 
 // MARK: glibc iconv
@@ -1078,6 +1306,11 @@ std::unique_ptr<Side> makeSide(const TextEncoding& encoding, bool decoding) {
     }
     if (!encoding.stateful && decoding && encoding.isSingleByte()) {
         return std::make_unique<TableDecoder>(byteTableFor(encoding));
+    }
+    if (!encoding.stateful && decoding && isICUName(encoding.converterName)) {
+        if (auto table = pairTableFor(encoding.converterName)) {
+            return std::make_unique<PairTableDecoder>(std::move(table));
+        }
     }
     if (!encoding.stateful && isICUName(encoding.converterName)) {
         if (ConverterPointer converter = openICU(encoding.converterName)) {

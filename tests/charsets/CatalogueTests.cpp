@@ -541,6 +541,26 @@ TEST(Catalogue, multiByteSetsReadEveryLeadByteAsTheirConverterDoes) {
                 }
             }
         }
+        // All of it as one stream fed in small pieces: pairs, bad pairs and lone bytes divided anywhere
+        // read as the converter reads the whole.
+        Bytes stream;
+        for (unsigned lead = 0x80; lead < 0x100; ++lead) {
+            for (std::uint8_t trail : trails) {
+                stream.insert(stream.end(), {static_cast<std::uint8_t>(lead), trail});
+            }
+        }
+        const std::u16string whole = viaIconv ? glibcDecode(name, stream) : icuDecode(name, stream);
+        for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{3}}) {
+            Transcoder::BlockConverter converter(encoding, TextEncoding::utf8());
+            Bytes out;
+            for (std::size_t at = 0; at < stream.size(); at += piece) {
+                converter.convert(Bytes(stream.begin() + static_cast<std::ptrdiff_t>(at),
+                                        stream.begin() + static_cast<std::ptrdiff_t>(std::min(stream.size(), at + piece))),
+                                  out);
+            }
+            converter.finish(out);
+            EXPECT_EQ(utf16(std::string(out.begin(), out.end())), whole) << "pieces of " << piece;
+        }
     }
     EXPECT_GT(compared, 9 * 128 * 10);
 }
