@@ -1289,14 +1289,11 @@ std::unique_ptr<Side> makeSide(const TextEncoding& encoding, bool decoding) {
         }
         return std::make_unique<UTFEncoder>(*width, bigEndian);
     }
-    if (!encoding.stateful) {
-        if (const Charsets::Entry* entry = Charsets::entry(encoding.id);
-            entry != nullptr && entry->doubleByteCodec != nullptr) {
-            if (decoding) {
-                return std::make_unique<DoubleByteDecoder>(*entry->doubleByteCodec);
-            }
-            return std::make_unique<DoubleByteEncoder>(*entry->doubleByteCodec);
+    if (!encoding.stateful && encoding.doubleByteCodec != nullptr) {
+        if (decoding) {
+            return std::make_unique<DoubleByteDecoder>(*encoding.doubleByteCodec);
         }
+        return std::make_unique<DoubleByteEncoder>(*encoding.doubleByteCodec);
     }
     if (encoding.table) {
         if (decoding) {
