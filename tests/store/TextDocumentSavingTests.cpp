@@ -1,0 +1,359 @@
+#include "store/TextDocument.h"
+
+#include "store/FilePermissions.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <random>
+#include <thread>
+
+extern char** environ;
+
+namespace brim {
+namespace {
+
+using testing::bytes;
+using testing::readFile;
+using testing::TemporaryFolder;
+
+TextDocument::OpenOptions quiet() {
+    TextDocument::OpenOptions options;
+    options.fallbackEncoding = TextEncoding::cp1252();
+    options.readProjectRules = false;
+    return options;
+}
+
+std::vector<std::uint8_t> utf16(std::u16string_view text, bool bigEndian) {
+    std::vector<std::uint8_t> out;
+    for (const char16_t unit : text) {
+        const auto high = static_cast<std::uint8_t>(unit >> 8);
+        const auto low = static_cast<std::uint8_t>(unit & 0xFF);
+        out.push_back(bigEndian ? high : low);
+        out.push_back(bigEndian ? low : high);
+    }
+    return out;
+}
+
+std::string text(const std::vector<std::uint8_t>& data) { return {data.begin(), data.end()}; }
+
+/// Saves the document where it is, as it is, and takes the result in.
+void saveInPlace(TextDocument& document, const std::optional<TextEncoding>& encoding = std::nullopt,
+                 std::optional<LineEnding> ending = std::nullopt, bool inPlace = false) {
+    TextDocument::WriteOptions options;
+    options.encoding = encoding.value_or(document.fileEncoding);
+    options.lineEnding = ending.value_or(document.lineEnding);
+    options.writeBOM = document.hasBOM && !options.encoding.bom().empty();
+    options.inPlace = inPlace;
+    document.adoptSaved(document.writeOut(*document.url, options));
+}
+
+std::vector<std::string> temporaryFiles(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        const auto name = entry.path().filename().string();
+        if (name.starts_with(".brim-")) names.push_back(name);
+    }
+    return names;
+}
+
+TEST(TextDocumentSaving, roundTripsKeepTheSetAndTheLineEnding) {
+    TemporaryFolder folder;
+    struct Case {
+        const char* name;
+        std::vector<std::uint8_t> file;
+        std::optional<TextEncoding> forced;
+        std::string appended;       // typed at the end, in UTF-8
+        std::vector<std::uint8_t> expected;
+        std::int64_t lines;
+    };
+    const auto bom16 = std::vector<std::uint8_t>{0xFF, 0xFE};
+    auto u16file = bom16;
+    for (const auto& part : {utf16(u"one\rtwo\rthree", false)}) u16file.insert(u16file.end(), part.begin(), part.end());
+    auto u16expected = bom16;
+    for (const auto& part : {utf16(u"one\rtwo\rthree!", false)}) {
+        u16expected.insert(u16expected.end(), part.begin(), part.end());
+    }
+    const std::vector<Case> cases = {
+        {"cp1252 with crlf", bytes("Le caf\xE9 \xE9tait tr\xE8s bon.\r\n\xC0 bient\xF4t, Ren\xE9!\r\n"),
+         std::nullopt, "\xE2\x82\xAC", bytes("Le caf\xE9 \xE9tait tr\xE8s bon.\r\n\xC0 bient\xF4t, Ren\xE9!\r\n\x80"), 3},
+        {"utf-16 le with cr", u16file, std::nullopt, "!", u16expected, 3},
+        {"mac roman with cr", bytes("Caf\x8E\rdeux\r"), TextEncoding::macRoman(), "x", bytes("Caf\x8E\rdeux\rx"), 3},
+        {"line separators", bytes("one\xE2\x80\xA8two\xE2\x80\xA8three"), std::nullopt, ".",
+         bytes("one\xE2\x80\xA8two\xE2\x80\xA8three."), 3},
+        {"utf-8 with its mark", bytes("\xEF\xBB\xBFmark\n"), std::nullopt, "ed", bytes("\xEF\xBB\xBFmark\ned"), 2},
+        {"ebcdic 037", bytes("\xC1\xC2\x25\xC3\x25"), TextEncoding::ebcdic037(), "D", bytes("\xC1\xC2\x25\xC3\x25\xC4"), 3},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto path = folder.write(std::string(c.name) + ".txt", c.file);
+        auto options = quiet();
+        options.forcedEncoding = c.forced;
+        const auto document = TextDocument::open(path, options);
+        const auto end = document->byteCount();
+        document->replace({end, end}, c.appended, end, end);
+        saveInPlace(*document);
+        EXPECT_EQ(text(c.expected), readFile(path));
+        EXPECT_FALSE(document->isDirty());
+        EXPECT_EQ(document->lineCount(), c.lines);
+
+        const auto again = TextDocument::open(path, options);
+        EXPECT_EQ(again->lineCount(), c.lines);
+        EXPECT_EQ(again->lineEnding, document->lineEnding);
+        EXPECT_EQ(again->fileEncoding, document->fileEncoding);
+        EXPECT_EQ(again->text({0, again->byteCount()}), document->text({0, document->byteCount()}));
+        EXPECT_TRUE(temporaryFiles(folder.path()).empty());
+    }
+}
+
+TEST(TextDocumentSaving, convertingSetsAndEndingsIsAdoptedByTheDocument) {
+    TemporaryFolder folder;
+    const auto path = folder.write("notes.txt", "Le caf\xE9 \xE9tait tr\xE8s bon.\r\nsecond\r\n");
+    const auto document = TextDocument::open(path, quiet());
+    ASSERT_EQ(document->fileEncoding, TextEncoding::cp1252());
+    document->replace({0, 0}, "\xC3\xA0 ", 0, 2);   // à, typed as Windows-1252
+    saveInPlace(*document, TextEncoding::utf8(), LineEnding::lf);
+    EXPECT_EQ(readFile(path), "\xC3\xA0 Le caf\xC3\xA9 \xC3\xA9tait tr\xC3\xA8s bon.\nsecond\n");
+    EXPECT_EQ(document->encoding, TextEncoding::utf8());
+    EXPECT_EQ(document->lineEnding, LineEnding::lf);
+    EXPECT_FALSE(document->canUndo());   // a save that converted starts the history again
+
+    // U+2028 in a Windows-1252 file is a line break written as LF, not a question mark.
+    const auto separated = TextDocument::open(folder.write("sep.txt", "one\xE2\x80\xA8two"), quiet());
+    separated->adoptSaved(separated->writeOut(folder / "sep-1252.txt", {TextEncoding::cp1252(), LineEnding::ls, false, false}));
+    EXPECT_EQ(readFile(folder / "sep-1252.txt"), "one\ntwo");
+    EXPECT_EQ(separated->lineEnding, LineEnding::ls);
+    EXPECT_EQ(separated->lineCount(), 2);
+}
+
+TEST(TextDocumentSaving, undoReachesAcrossAnOrdinarySave) {
+    TemporaryFolder folder;
+    const auto path = folder.write("a.txt", "before\n");
+    const auto document = TextDocument::open(path, quiet());
+    document->replace({6, 6}, " after", 6, 12);
+    saveInPlace(*document);
+    EXPECT_FALSE(document->isDirty());
+    ASSERT_TRUE(document->undo());
+    EXPECT_EQ(document->lineText(0), "before");
+    EXPECT_TRUE(document->isDirty());
+}
+
+TEST(TextDocumentSaving, permissionsCarryOverAndTheSwapReplacesOrRewrites) {
+    TemporaryFolder folder;
+    const auto path = folder.write("script.sh", "#!/bin/sh\necho old\n");
+    ASSERT_EQ(::chmod(path.c_str(), 0750), 0);
+    struct stat before {};
+    ASSERT_EQ(::stat(path.c_str(), &before), 0);
+    const auto link = folder / "hard-link.sh";
+    std::filesystem::create_hard_link(path, link);
+
+    const auto document = TextDocument::open(path, quiet());
+    document->replace(document->lineContentRange(1), "echo new", 0, 0);
+    saveInPlace(*document);
+    struct stat replaced {};
+    ASSERT_EQ(::stat(path.c_str(), &replaced), 0);
+    EXPECT_EQ(replaced.st_mode & 07777, 0750U);
+    EXPECT_NE(replaced.st_ino, before.st_ino);
+    EXPECT_EQ(readFile(link), "#!/bin/sh\necho old\n");   // the link still names the old file
+
+    // In place: the same file, truncated to what the document holds.
+    const auto inPlace = TextDocument::open(link, quiet());
+    inPlace->replace({0, inPlace->byteCount()}, "short\n", 0, 0);
+    saveInPlace(*inPlace, std::nullopt, std::nullopt, true);
+    struct stat same {};
+    ASSERT_EQ(::stat(link.c_str(), &same), 0);
+    EXPECT_EQ(same.st_ino, before.st_ino);
+    EXPECT_EQ(readFile(link), "short\n");
+    EXPECT_TRUE(temporaryFiles(folder.path()).empty());
+}
+
+TEST(TextDocumentSaving, aSaveThatFailsLeavesTheOldFileWholeAndNoTemporaryFile) {
+    TemporaryFolder folder;
+    const std::string old = "the old text\n";
+    const auto path = folder.write("kept.txt", old);
+    const auto document = TextDocument::open(path, quiet());
+    document->replace({0, 0}, std::string(300'000, 'x'), 0, 0);
+
+    // A disk that fills: the file size limit stands in for it.
+    struct rlimit saved {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previous = ::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = saved;
+    small.rlim_cur = 100'000;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    std::string message;
+    try {
+        (void)document->writeOut(path, {TextEncoding::utf8(), LineEnding::lf, false, false});
+    } catch (const BrimError& error) {
+        message = error.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    ::signal(SIGXFSZ, previous);
+
+    EXPECT_TRUE(message.starts_with("Could not write ")) << message;
+    EXPECT_NE(message.find("File too large"), std::string::npos) << message;
+    EXPECT_EQ(readFile(path), old);
+    EXPECT_TRUE(document->isDirty());
+    EXPECT_TRUE(temporaryFiles(folder.path()).empty());
+}
+
+TEST(TextDocumentSaving, aFolderThatCannotBeWrittenSaysWhy) {
+    TemporaryFolder folder;
+    const auto locked = folder / "locked";
+    std::filesystem::create_directories(locked);
+    const auto path = folder.write("locked/a.txt", "text\n");
+    const auto document = TextDocument::open(path, quiet());
+    document->replace({0, 0}, "more ", 0, 5);
+
+    // The superuser passes permission checks, so lock the folder with the immutable flag instead.
+    std::string reason = "Permission denied";
+    if (::geteuid() == 0) {
+        const int fd = ::open(locked.c_str(), O_RDONLY | O_DIRECTORY);
+        long flags = 0;
+        if (fd < 0 || ::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) GTEST_SKIP() << "no inode flags here";
+        flags |= FS_IMMUTABLE_FL;
+        if (::ioctl(fd, FS_IOC_SETFLAGS, &flags) != 0) GTEST_SKIP() << "cannot lock a folder here";
+        ::close(fd);
+        reason = "Operation not permitted";
+    } else {
+        ASSERT_EQ(::chmod(locked.c_str(), 0555), 0);
+    }
+    std::string message;
+    try {
+        (void)document->writeOut(path, {TextEncoding::utf8(), LineEnding::lf, false, false});
+    } catch (const BrimError& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(FilePermissions::state(locked / "new.txt"), FilePermissions::State::noPermission);
+    if (::geteuid() == 0) {
+        const int fd = ::open(locked.c_str(), O_RDONLY | O_DIRECTORY);
+        long flags = 0;
+        ::ioctl(fd, FS_IOC_GETFLAGS, &flags);
+        flags &= ~static_cast<long>(FS_IMMUTABLE_FL);
+        ::ioctl(fd, FS_IOC_SETFLAGS, &flags);
+        ::close(fd);
+    }
+    EXPECT_EQ(message, "cannot create temporary file next to " + path.string() + ": " + reason);
+    EXPECT_EQ(readFile(path), "text\n");
+    EXPECT_TRUE(document->isDirty());
+}
+
+TEST(TextDocumentSaving, gzipIsPackedAgain) {
+    TemporaryFolder folder;
+    const auto plain = folder.write("log.txt", "first\nsecond\n");
+    const auto document = TextDocument::open(plain, quiet());
+    document->isGzipped = true;
+    document->gzipLevel = 1;
+    const auto packed = folder / "log.txt.gz";
+    document->adoptSaved(document->writeOut(packed, {TextEncoding::utf8(), LineEnding::lf, false, false}));
+    EXPECT_TRUE(document->isGzipped);
+    const auto again = TextDocument::open(packed, quiet());
+    EXPECT_TRUE(again->isGzipped);
+    EXPECT_EQ(again->gzipLevel, 1);
+    EXPECT_EQ(again->lineText(1), "second");
+}
+
+TEST(TextDocumentSaving, unwritableCharactersAreCountedForTheTarget) {
+    const auto document = TextDocument::inMemory(bytes("caf\xC3\xA9 \xE2\x82\xAC \xC5\x91 \xE2\x82\xAC"),
+                                                 TextEncoding::utf8(), "test");
+    const auto latin1 = document->unwritableCharacters(TextEncoding::latin1(), 5);
+    EXPECT_EQ(latin1.count, 3);
+    EXPECT_EQ(latin1.examples, (std::vector<std::string>{"\xE2\x82\xAC", "\xC5\x91"}));
+    const auto cp1252 = document->unwritableCharacters(TextEncoding::cp1252(), 5);
+    EXPECT_EQ(cp1252.count, 1);
+    EXPECT_EQ(document->unwritableCharacters(TextEncoding::utf16be(), 5).count, 0);
+}
+
+TEST(TextDocumentSaving, aWorkingCopyWithFewEditsSavesBackExactly) {
+    // Over two blocks of conversion, so that untouched stretches come from the old file by checkpoint.
+    TemporaryFolder folder;
+    std::u16string body;
+    for (int i = 0; body.size() < 5'000'000; ++i) body += u"r\u00E9cord " + std::u16string(1, char16_t(u'A' + i % 26)) + u"\n";
+    auto file = std::vector<std::uint8_t>{0xFE, 0xFF};
+    const auto encoded = utf16(body, true);
+    file.insert(file.end(), encoded.begin(), encoded.end());
+    const auto path = folder.write("big16.txt", file);
+    const auto document = TextDocument::open(path, quiet());
+    ASSERT_EQ(document->fileEncoding, TextEncoding::utf16be());
+    ASSERT_TRUE(document->checkpoints);
+    const auto middle = document->lineRange(300'000).lower;
+    document->replace({middle, middle}, "\xE2\x9C\x93", middle, middle + 3);   // ✓
+    saveInPlace(*document);
+
+    std::u16string expected = body;
+    std::size_t at = 0;
+    for (int n = 0; n < 300'000; ++n) at = expected.find(u'\n', at) + 1;
+    expected.insert(at, u"\u2713");
+    auto want = std::vector<std::uint8_t>{0xFE, 0xFF};
+    const auto wantBody = utf16(expected, true);
+    want.insert(want.end(), wantBody.begin(), wantBody.end());
+    EXPECT_TRUE(readFile(path) == text(want));
+    EXPECT_EQ(document->lineText(300'000).substr(0, 3), "\xE2\x9C\x93");
+    EXPECT_TRUE(document->checkpoints);
+}
+
+// The helper that a crash test runs in a child process: saves two texts in turn, for ever.
+TEST(TextDocumentSavingHelper, saveForever) {
+    const char* folder = std::getenv("BRIM_SAVE_LOOP_FOLDER");
+    if (folder == nullptr) GTEST_SKIP() << "runs only as the child of the crash test";
+    const auto path = std::filesystem::path(folder) / "target.txt";
+    const auto document = TextDocument::open(path, quiet());
+    for (int round = 0;; ++round) {
+        const std::string next(round % 2 == 0 ? 80'000 : 50'000, round % 2 == 0 ? 'b' : 'a');
+        document->replace({0, document->byteCount()}, next, 0, 0);
+        saveInPlace(*document);
+    }
+}
+
+TEST(TextDocumentSaving, aSaveKilledAtAnyMomentLeavesTheOldFileOrTheNewOne) {
+    TemporaryFolder folder;
+    const std::string a(50'000, 'a');
+    const std::string b(80'000, 'b');
+    const auto path = folder.write("target.txt", a);
+    const std::string variable = "BRIM_SAVE_LOOP_FOLDER=" + folder.path().string();
+    std::vector<std::string> environment = {variable};
+    for (char** entry = environ; *entry != nullptr; ++entry) environment.emplace_back(*entry);
+    std::vector<char*> envp;
+    for (auto& entry : environment) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::string filter = "--gtest_filter=TextDocumentSavingHelper.saveForever";
+    char* argv[] = {self.data(), filter.data(), nullptr};
+
+    std::mt19937 random(7);
+    for (int trial = 0; trial < 100; ++trial) {
+        SCOPED_TRACE(trial);
+        pid_t child = 0;
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+        const int spawned = ::posix_spawn(&child, self.c_str(), &actions, nullptr, argv, envp.data());
+        posix_spawn_file_actions_destroy(&actions);
+        ASSERT_EQ(spawned, 0);
+        // The moment of the kill is what is random here; nothing waits on it.
+        std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(2'000, 40'000)(random)));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        const std::string now = readFile(path);
+        ASSERT_TRUE(now == a || now == b) << "a file of " << now.size() << " bytes";
+        (void)TextDocument::open(path, quiet());
+        ASSERT_TRUE(temporaryFiles(folder.path()).empty());
+    }
+}
+
+} // namespace
+} // namespace brim
