@@ -197,6 +197,8 @@ void MappedSource::prefetch(ByteRange range) const {
 void MappedSource::adviseSequential(bool sequential) const {
     ::madvise(const_cast<std::uint8_t*>(base_), static_cast<std::size_t>(count_),
               sequential ? MADV_SEQUENTIAL : MADV_RANDOM);
+    // Buffered scans read through the descriptor, whose read-ahead is advised apart from the map.
+    ::posix_fadvise(fd_, 0, 0, sequential ? POSIX_FADV_SEQUENTIAL : POSIX_FADV_NORMAL);
 }
 
 std::int64_t MappedSource::absorbedFaultCount() { return absorbedFaults.load(std::memory_order_relaxed); }

@@ -42,8 +42,8 @@ public:
     /// Asks the system to bring the range's pages in ahead of use. A hint only.
     void prefetch(ByteRange range) const;
 
-    /// Switches the read-ahead advice of the whole map: sequential for a pass from front to
-    /// back, random (the default) for jumps.
+    /// Switches the read-ahead advice of the whole file, for the map and for `read`: sequential
+    /// for a pass from front to back, random jumps (the default) otherwise.
     void adviseSequential(bool sequential) const;
 
     /// How many touches of pages that had gone were answered with zeros, process-wide.
