@@ -536,6 +536,12 @@ std::shared_ptr<const Expression> expression(const SearchQuery& query) {
     return compiled;
 }
 
+void validate(const SearchQuery& query) {
+    if (query.pattern.empty()) return;
+    if (!query.isRegex && (query.caseSensitive || isASCII(query.pattern))) return;
+    (void)expression(query);
+}
+
 FindAllResult findAll(SearchText text, const SearchQuery& query, std::int64_t limit, int spreadCapacity,
                       const Progress& progress, const IsCancelled& isCancelled) {
     FindAllResult result;

@@ -61,6 +61,10 @@ inline constexpr std::int64_t windowSize = 1'048'576;
 /// kept for reuse, so a search over many files compiles once. Throws `PatternError`.
 [[nodiscard]] std::shared_ptr<const Expression> expression(const SearchQuery& query);
 
+/// Throws `PatternError` if the query's expression (or the pattern escaped for the expression
+/// engine) does not compile; returns at once for a query the literal scanner serves.
+void validate(const SearchQuery& query);
+
 /// Every match in the text, counted to the end; the first `limit` are kept (0 only counts) and
 /// `spread` samples at most max(`spreadCapacity`, 8) of them. Matches never overlap. Throws
 /// `PatternError` for a bad expression; cancelling or an expression that runs away returns what
