@@ -283,7 +283,11 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     const std::int64_t total = std::max<std::int64_t>(table_->byteCount(), 1);
     std::int64_t done = 0;
     const auto emit = [&](std::span<const std::uint8_t> bytes) {
-        toCopyFile(toCopy ? toCopy->convert(bytes) : std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
+        if (toCopy) {
+            toCopyFile(toCopy->convert(bytes));
+        } else {
+            toCopyFile(bytes);
+        }
         if (converter) {
             toFile(converter->convert(bytes));
         } else {
@@ -317,20 +321,36 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
         }
     } closeOld{oldFile};
 
+    // The table piece by piece in blocks of 8 MiB. A mapped file is read into one private block
+    // rather than touched through its map, so memory stays the block's size whatever the file's.
     std::vector<std::uint8_t> block;
-    const auto streamRange = [&](ByteRange range) {
-        for (std::int64_t at = range.lower; at < range.upper; at += saveBlockSize) {
-            const ByteRange piece{at, std::min(range.upper, at + saveBlockSize)};
-            table_->withBytes(piece, block, emit);
+    const auto forEachBlock = [&](ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) {
+        std::int64_t position = 0;
+        for (const auto& piece : table_->pieces()) {
+            const ByteRange inDocument = ByteRange{position, position + piece.length};
+            position += piece.length;
+            const ByteRange wanted{std::max(range.lower, inDocument.lower), std::min(range.upper, inDocument.upper)};
+            if (wanted.empty()) continue;
+            const ByteSource& source = piece.fromOriginal ? table_->original() : static_cast<const ByteSource&>(table_->added());
+            const std::int64_t base = piece.offset - inDocument.lower;
+            for (std::int64_t at = wanted.lower; at < wanted.upper; at += saveBlockSize) {
+                const ByteRange inSource{base + at, base + std::min(wanted.upper, at + saveBlockSize)};
+                if (source.prefersBufferedReads()) {
+                    block.resize(static_cast<std::size_t>(inSource.length()));
+                    source.read(inSource, block.data());
+                    body(block);
+                } else {
+                    source.withBytes(inSource, body);
+                }
+            }
+            if (position >= range.upper) break;
         }
     };
+    const auto streamRange = [&](ByteRange range) { forEachBlock(range, emit); };
     const auto spliceFile = [&](ByteRange copyRange, std::int64_t fileFrom, std::int64_t fileTo) {
         flushConverter();
         // The copy still gets the document's own text; the file gets the old file's bytes.
-        for (std::int64_t at = copyRange.lower; at < copyRange.upper; at += saveBlockSize) {
-            const ByteRange piece{at, std::min(copyRange.upper, at + saveBlockSize)};
-            table_->withBytes(piece, block, [&](std::span<const std::uint8_t> bytes) { toCopyFile(bytes); });
-        }
+        forEachBlock(copyRange, [&](std::span<const std::uint8_t> bytes) { toCopyFile(bytes); });
         std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::min<std::int64_t>(saveBlockSize, fileTo - fileFrom)));
         for (std::int64_t at = fileFrom; at < fileTo;) {
             const auto want = static_cast<std::size_t>(std::min<std::int64_t>(fileTo - at, static_cast<std::int64_t>(buffer.size())));
