@@ -67,6 +67,93 @@ std::vector<GitHunk> changingLastLines(std::vector<GitHunk> hunks, std::int64_t 
     return hunks;
 }
 
+/// The patch over lines given by `oldLine(i)` and `newLine(i)`, so that a whole file's patch needs
+/// no string per line.
+template <typename OldLine, typename NewLine>
+std::string patchOf(std::span<const GitHunk> hunks, std::int64_t oldCount, std::int64_t newCount, OldLine oldLine,
+                    NewLine newLine, const PatchOptions& options) {
+    if (hunks.empty()) return {};
+    const std::int64_t context = std::max<std::int64_t>(0, options.context);
+
+    std::string out = "--- " + options.oldLabel + "\n+++ " + options.newLabel + "\n";
+    const auto emitOld = [&](char mark, std::int64_t i) {
+        if (i < 0 || i >= oldCount) return;
+        out.push_back(mark);
+        out += oldLine(i);
+        out.push_back('\n');
+        if (i == oldCount - 1 && !options.oldEndsWithNewline) out += noNewlineMark;
+    };
+    const auto emitNew = [&](std::int64_t i) {
+        if (i < 0 || i >= newCount) return;
+        out.push_back('+');
+        out += newLine(i);
+        out.push_back('\n');
+        if (i == newCount - 1 && !options.newEndsWithNewline) out += noNewlineMark;
+    };
+
+    std::string function;
+    std::int64_t functionSearchLimit = -1;
+    std::size_t first = 0;
+    while (first < hunks.size()) {
+        std::size_t last = first;
+        while (last + 1 < hunks.size() && hunks[last + 1].oldLines.lower - hunks[last].oldLines.upper <= 2 * context) {
+            ++last;
+        }
+        const std::int64_t oldStart = std::max<std::int64_t>(0, hunks[first].oldLines.lower - context);
+        const std::int64_t newStart = std::max<std::int64_t>(0, hunks[first].lines.lower - context);
+        const std::int64_t oldEnd = std::min(oldCount, hunks[last].oldLines.upper + context);
+        const std::int64_t newEnd = std::min(newCount, hunks[last].lines.upper + context);
+
+        out += "@@ -" + rangeText(oldStart, oldEnd - oldStart) + " +" + rangeText(newStart, newEnd - newStart) + " @@";
+        if (options.functionNames) {
+            // Searched upward from just above the group, down to where the last search began; what
+            // the last group found stands when nothing closer is found.
+            for (std::int64_t i = std::min(oldStart - 1, oldCount - 1); i > functionSearchLimit && i >= 0; --i) {
+                if (isFunctionLine(oldLine(i))) {
+                    function = functionName(oldLine(i));
+                    break;
+                }
+            }
+            functionSearchLimit = oldStart - 1;
+            if (!function.empty()) out += " " + function;
+        }
+        out.push_back('\n');
+
+        std::int64_t cursor = oldStart;
+        for (std::size_t k = first; k <= last; ++k) {
+            const GitHunk& hunk = hunks[k];
+            for (; cursor < hunk.oldLines.lower; ++cursor) emitOld(' ', cursor);
+            for (std::int64_t i = hunk.oldLines.lower; i < hunk.oldLines.upper; ++i) emitOld('-', i);
+            for (std::int64_t i = hunk.lines.lower; i < hunk.lines.upper; ++i) emitNew(i);
+            cursor = hunk.oldLines.upper;
+        }
+        for (; cursor < oldEnd; ++cursor) emitOld(' ', cursor);
+        first = last + 1;
+    }
+    return out;
+}
+
+/// Where each line starts, split at LF only as `patchLines` splits, and one past the end.
+std::vector<std::size_t> lineStarts(std::span<const std::uint8_t> bytes) {
+    std::vector<std::size_t> starts;
+    starts.reserve(bytes.size() / 40 + 2);
+    const std::uint8_t* const base = bytes.data();
+    const std::uint8_t* p = base;
+    const std::uint8_t* const end = base + bytes.size();
+    while (p < end) {
+        starts.push_back(static_cast<std::size_t>(p - base));
+        const auto* newline = static_cast<const std::uint8_t*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+        if (newline == nullptr) {
+            p = end;
+            break;
+        }
+        p = newline + 1;
+    }
+    // One past the last line's LF, or where it would be on a last line without one.
+    starts.push_back(!bytes.empty() && bytes.back() == '\n' ? bytes.size() : bytes.size() + 1);
+    return starts;
+}
+
 } // namespace
 
 std::string repairedUTF8(std::span<const std::uint8_t> text) {
@@ -134,69 +221,10 @@ std::vector<std::string> patchLines(std::span<const std::uint8_t> bytes) {
 
 std::string patch(std::span<const GitHunk> hunks, std::span<const std::string> oldLines,
                   std::span<const std::string> newLines, const PatchOptions& options) {
-    if (hunks.empty()) return {};
-    const auto oldCount = static_cast<std::int64_t>(oldLines.size());
-    const auto newCount = static_cast<std::int64_t>(newLines.size());
-    const std::int64_t context = std::max<std::int64_t>(0, options.context);
-    const auto oldLine = [&](std::int64_t i) -> const std::string& { return oldLines[static_cast<std::size_t>(i)]; };
-    const auto newLine = [&](std::int64_t i) -> const std::string& { return newLines[static_cast<std::size_t>(i)]; };
-
-    std::string out = "--- " + options.oldLabel + "\n+++ " + options.newLabel + "\n";
-    const auto emitOld = [&](char mark, std::int64_t i) {
-        if (i < 0 || i >= oldCount) return;
-        out.push_back(mark);
-        out += oldLine(i);
-        out.push_back('\n');
-        if (i == oldCount - 1 && !options.oldEndsWithNewline) out += noNewlineMark;
-    };
-    const auto emitNew = [&](std::int64_t i) {
-        if (i < 0 || i >= newCount) return;
-        out.push_back('+');
-        out += newLine(i);
-        out.push_back('\n');
-        if (i == newCount - 1 && !options.newEndsWithNewline) out += noNewlineMark;
-    };
-
-    std::string function;
-    std::int64_t functionSearchLimit = -1;
-    std::size_t first = 0;
-    while (first < hunks.size()) {
-        std::size_t last = first;
-        while (last + 1 < hunks.size() && hunks[last + 1].oldLines.lower - hunks[last].oldLines.upper <= 2 * context) {
-            ++last;
-        }
-        const std::int64_t oldStart = std::max<std::int64_t>(0, hunks[first].oldLines.lower - context);
-        const std::int64_t newStart = std::max<std::int64_t>(0, hunks[first].lines.lower - context);
-        const std::int64_t oldEnd = std::min(oldCount, hunks[last].oldLines.upper + context);
-        const std::int64_t newEnd = std::min(newCount, hunks[last].lines.upper + context);
-
-        out += "@@ -" + rangeText(oldStart, oldEnd - oldStart) + " +" + rangeText(newStart, newEnd - newStart) + " @@";
-        if (options.functionNames) {
-            // Searched upward from just above the group, down to where the last search began; what
-            // the last group found stands when nothing closer is found.
-            for (std::int64_t i = std::min(oldStart - 1, oldCount - 1); i > functionSearchLimit && i >= 0; --i) {
-                if (isFunctionLine(oldLine(i))) {
-                    function = functionName(oldLine(i));
-                    break;
-                }
-            }
-            functionSearchLimit = oldStart - 1;
-            if (!function.empty()) out += " " + function;
-        }
-        out.push_back('\n');
-
-        std::int64_t cursor = oldStart;
-        for (std::size_t k = first; k <= last; ++k) {
-            const GitHunk& hunk = hunks[k];
-            for (; cursor < hunk.oldLines.lower; ++cursor) emitOld(' ', cursor);
-            for (std::int64_t i = hunk.oldLines.lower; i < hunk.oldLines.upper; ++i) emitOld('-', i);
-            for (std::int64_t i = hunk.lines.lower; i < hunk.lines.upper; ++i) emitNew(i);
-            cursor = hunk.oldLines.upper;
-        }
-        for (; cursor < oldEnd; ++cursor) emitOld(' ', cursor);
-        first = last + 1;
-    }
-    return out;
+    return patchOf(
+        hunks, static_cast<std::int64_t>(oldLines.size()), static_cast<std::int64_t>(newLines.size()),
+        [&](std::int64_t i) { return std::string_view(oldLines[static_cast<std::size_t>(i)]); },
+        [&](std::int64_t i) { return std::string_view(newLines[static_cast<std::size_t>(i)]); }, options);
 }
 
 std::string filePatch(std::span<const std::uint8_t> oldBytes, std::span<const std::uint8_t> newBytes,
@@ -213,7 +241,16 @@ std::string filePatch(std::span<const std::uint8_t> oldBytes, std::span<const st
                                   options.newEndsWithNewline);
     }
     if (hunks.empty()) return {};
-    return patch(hunks, patchLines(oldBytes), patchLines(newBytes), options);
+    const auto oldStarts = lineStarts(oldBytes);
+    const auto newStarts = lineStarts(newBytes);
+    const auto lineOf = [](std::span<const std::uint8_t> bytes, const std::vector<std::size_t>& starts, std::int64_t i) {
+        const auto index = static_cast<std::size_t>(i);
+        return std::string_view(reinterpret_cast<const char*>(bytes.data()) + starts[index],
+                                starts[index + 1] - 1 - starts[index]);
+    };
+    return patchOf(
+        hunks, oldCount, newCount, [&](std::int64_t i) { return lineOf(oldBytes, oldStarts, i); },
+        [&](std::int64_t i) { return lineOf(newBytes, newStarts, i); }, options);
 }
 
 bool isBinary(std::span<const std::uint8_t> bytes) {
