@@ -152,7 +152,9 @@ std::string_view code(AppLanguage language) {
 const Catalogue& catalogue(AppLanguage language) {
     static constexpr std::size_t languageCount = 6;
     static std::array<std::once_flag, languageCount> parsed;
-    static std::array<Catalogue, languageCount> catalogues;
+    // Never destroyed: a message made while the process ends (a last settings write failing, say)
+    // must still find its catalogue.
+    static auto* const catalogues = new std::array<Catalogue, languageCount>();
     const auto index = static_cast<std::size_t>(language);
     std::call_once(parsed[index], [&] {
         if (language == AppLanguage::english || language == AppLanguage::system) return;
@@ -162,11 +164,11 @@ const Catalogue& catalogue(AppLanguage language) {
         if (!document.is_object()) return;
         for (const auto& [key, value] : document.items()) {
             if (value.is_string() && !value.get_ref<const std::string&>().empty()) {
-                catalogues[index].emplace(key, value.get<std::string>());
+                (*catalogues)[index].emplace(key, value.get<std::string>());
             }
         }
     });
-    return catalogues[index];
+    return (*catalogues)[index];
 }
 
 std::string string(std::string_view key, AppLanguage language) {
