@@ -366,6 +366,9 @@ struct Reference {
 std::vector<Reference> singleByteReferences() {
     const std::string swap = "1A 1C 7F";
     const std::string swapReason = "ICU's IBM PC pages move 0x1A, 0x1C and 0x7F; ours stay ASCII, as glibc's";
+    const std::string undefinedReason =
+        "ICU reads the bytes Microsoft left undefined as the C1 controls of the same value, as Windows does; "
+        "glibc refuses them";
     return {
         // Sets a system converter reads: checked against glibc, which is a second opinion for ICU's sets.
         {"latin3", "glibc", "ISO-8859-3"},
@@ -381,12 +384,18 @@ std::vector<Reference> singleByteReferences() {
         {"latin8", "glibc", "ISO-8859-14"},
         {"latin10", "glibc", "ISO-8859-16"},
         {"cp1255", "icu", "ibm-9447_P100-2002"},
+        {"cp1255", "glibc", "CP1255", "81 8A 8C 8D 8E 8F 90 9A 9C 9D 9E 9F", undefinedReason},
         {"cp1256", "glibc", "CP1256"},
         {"cp1258", "icu", "ibm-5354_P100-1998"},
+        {"cp1258", "glibc", "CP1258", "81 8A 8D 8E 8F 90 9A 9D 9E", undefinedReason},
         {"cp874", "icu", "windows-874-2000"},
-        {"cp1162", "icu", "ibm-1162_P100-1999"},
+        {"cp874", "glibc", "CP874",
+         "81 82 83 84 86 87 88 89 8A 8B 8C 8D 8E 8F 90 98 99 9A 9B 9C 9D 9E 9F DB DC DD DE FC FD FE FF",
+         undefinedReason + "; and Microsoft's private-use characters at DB-DE and FC-FF"},
+        {"cp1162", "glibc", "IBM1162"},
         {"maccentraleurope", "glibc", "MAC-CENTRALEUROPE"},
         {"maccyrillic", "icu", "macos-7_3-10.2"},
+        {"maccyrillic", "glibc", "MAC-CYRILLIC", "FF", "Apple's current table has the euro sign at 0xFF; glibc's the currency sign"},
         {"macgreek", "icu", "macos-6_2-10.4"},
         {"macturkish", "icu", "macos-35-10.2"},
         {"koi8u", "glibc", "KOI8-U"},

@@ -9,7 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <chrono>
 #include <fstream>
@@ -270,6 +273,39 @@ TEST(Transcoder, aFolderThatCannotBeMadeFailsWithTheMessage) {
         }
     }
     UserResources::setOverrideRoot(std::nullopt);
+}
+
+TEST(Transcoder, aCopyThatCannotBeWrittenWholeFailsAndIsRemoved) {
+    SupportFolder support;
+    // A file size limit stands in for a full disk: writes past it fail with EFBIG.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limited = saved;
+    limited.rlim_cur = 10'000;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    const Bytes big(100'000, 'x');
+    MemorySource source(big);
+    try {
+        (void)Transcoder::transcodeToWorkingCopy(source, TextEncoding::latin1(), {.blockSize = 4096});
+        ADD_FAILURE() << "the copy was written past the limit";
+    } catch (const Transcoder::Failure& failure) {
+        EXPECT_EQ(failure.kind(), Transcoder::Failure::Kind::cannotWrite);
+        EXPECT_NE(std::string(failure.what()).find("could not be written"), std::string::npos) << failure.what();
+    }
+    ::setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, previousHandler);
+    EXPECT_EQ(filesIn(Transcoder::workingCopiesDirectory()), 0u);
+}
+
+TEST(Transcoder, gb18030IsReadWithICUsMappingOf2005) {
+    SupportFolder support;
+    // ICU 72 follows GB 18030-2005, where FE51 is a private-use character; glibc follows the 2022
+    // edition (U+20087). ICU's reading is the one used, so files written by older tools read back.
+    const Bytes file = {'a', 0xFE, 0x51, 'b', 0x81, 0x30, 0x81, 0x30};
+    MemorySource source(file);
+    const auto outcome = Transcoder::transcodeToWorkingCopy(source, TextEncoding::gb18030(), {.blockSize = 1});
+    EXPECT_EQ(textOf(readAll(*outcome.workingCopy)), "a\uE816b\u0080");
 }
 
 TEST(Transcoder, workingCopiesAreNamedByUUIDAndWrittenWhole) {
