@@ -79,10 +79,15 @@ public:
         /// Why `enumerate` stopped.
         enum class End : std::uint8_t { finished, stopped, limit };
 
+        /// What `enumerate`'s body answers: stop, go on, or go on from a position further on.
+        static constexpr std::size_t stop = none;
+        static constexpr std::size_t goOn = 0;
+
         /// Every match in `subject` from `from` on, without overlap, in order: after a match the
         /// search goes on at its end, and after an empty one a character further. `body` gets
-        /// each match's start and end and returns false to stop. `until` is asked now and then
-        /// between matches, never during one; true stops the loop.
+        /// each match's start and end and answers `stop`, `goOn`, or a position from which to
+        /// go on when that lies beyond the match. `until` is asked now and then between
+        /// matches, never during one; true stops the loop.
         template <typename Body>
         End enumerate(std::span<const std::uint8_t> subject, std::size_t from, Edges edges, const IsCancelled& until,
                       Body&& body);
@@ -140,8 +145,11 @@ Expression::Matcher::End Expression::Matcher::enumerate(std::span<const std::uin
         if (outcome == Outcome::noMatch) return End::finished;
         const std::size_t start = matchStart_;
         const std::size_t end = matchEnd_ < start ? start : matchEnd_;
-        if (!body(start, end)) return End::stopped;
-        if (end > position) {
+        const std::size_t answer = body(start, end);
+        if (answer == stop) return End::stopped;
+        if (answer > end) {
+            position = answer;
+        } else if (end > position) {
             position = end;
         } else {
             // An empty match: go on one character later, so the loop never stalls.

@@ -287,9 +287,9 @@ PieceEnd scanExpressionPiece(SearchText text, Expression::Matcher& matcher, cons
         const auto result = matcher.enumerate(window.text(), window.textOffset(from), piece.edges, until,
                                               [&](std::size_t start, std::size_t stop) {
                                                   const ByteRange match{window.sourceOffset(start), window.sourceOffset(stop)};
-                                                  if (sink(match)) return true;
+                                                  if (sink(match)) return Expression::Matcher::goOn;
                                                   sinkStopped = true;
-                                                  return false;
+                                                  return Expression::Matcher::stop;
                                               });
         switch (result) {
         case Expression::Matcher::End::finished: end = PieceEnd::finished; break;
@@ -662,10 +662,10 @@ std::optional<SearchHit> scanBackward(SearchText text, const SearchQuery& query,
             const auto endOfMatches = matcher.enumerate(
                 window.text(), 0, {startsLine, upper >= count}, isCancelled, [&](std::size_t s, std::size_t e) {
                     const ByteRange match{window.sourceOffset(s), window.sourceOffset(e)};
-                    if (match.lower > before) return false;
+                    if (match.lower > before) return Expression::Matcher::stop;
                     if (match.lower >= nextAllowed && match.upper <= before) last = SearchHit{match};
                     nextAllowed = std::max(match.lower + 1, match.upper);
-                    return true;
+                    return Expression::Matcher::goOn;
                 });
             stoppedByLimit = endOfMatches == Expression::Matcher::End::limit;
         });
