@@ -63,16 +63,26 @@ std::int64_t countNewlinesIn(const ByteSource& source, ByteRange range) {
 
 } // namespace
 
+namespace {
+
+/// Blocks are cut to this many pieces when they grow past twice as many, and neighbours that
+/// fit in this many together are joined.
+constexpr std::size_t blockPieces = 256;
+
+} // namespace
+
 PieceTable::PieceTable(std::shared_ptr<const ByteSource> original, LineIndex index)
     : original_(original ? std::move(original) : std::make_shared<MemorySource>()), originalIndex_(std::move(index)) {
     assert(originalIndex_.byteCount() == original_->count() && "the index must be of the original");
     const std::int64_t count = original_->count();
     if (count >= 1) {
-        pieces_.push_back(Piece{true, 0, count, 0});
+        blocks_.push_back(Block{{Piece{true, 0, count, 0}}, count, 0});
         isPristine_ = true;
     }
-    rebuildPrefixes();
+    rebuildBlockPrefixes();
 }
+
+PieceTable::PieceList PieceTable::pieces() const { return PieceList(this); }
 
 void PieceTable::materialize() {
     if (!isPristine_) return;
@@ -80,50 +90,90 @@ void PieceTable::materialize() {
         auto extension = originalIndex_.plan(*original_, originalIndex_.byteCount());
         if (extension) originalIndex_.commit(std::move(*extension));
     }
-    pieces_.front().newlines = originalIndex_.knownNewlines();
+    Block& block = blocks_.front();
+    block.pieces.front().newlines = originalIndex_.knownNewlines();
+    block.newlines = block.pieces.front().newlines;
     isPristine_ = false;
     compactedWhole_ = true;
-    rebuildPrefixes();
+    rebuildBlockPrefixes();
 }
 
-void PieceTable::rebuildPrefixes() const {
-    prefixBytes_.resize(pieces_.size() + 1);
-    prefixLines_.resize(pieces_.size() + 1);
-    prefixBytes_[0] = 0;
-    prefixLines_[0] = 0;
-    for (std::size_t i = 0; i < pieces_.size(); ++i) {
-        prefixBytes_[i + 1] = prefixBytes_[i] + pieces_[i].length;
-        prefixLines_[i + 1] = prefixLines_[i] + pieces_[i].newlines;
+void PieceTable::rebuildBlockPrefixes() {
+    blockBytes_.resize(blocks_.size() + 1);
+    blockLines_.resize(blocks_.size() + 1);
+    blockPieces_.resize(blocks_.size() + 1);
+    for (std::size_t b = 0; b < blocks_.size(); ++b) {
+        blockBytes_[b + 1] = blockBytes_[b] + blocks_[b].bytes;
+        blockLines_[b + 1] = blockLines_[b] + blocks_[b].newlines;
+        blockPieces_[b + 1] = blockPieces_[b] + blocks_[b].pieces.size();
     }
-    prefixValid_ = true;
 }
 
-void PieceTable::ensurePrefixes() const {
-    if (!prefixValid_) rebuildPrefixes();
-}
-
-std::int64_t PieceTable::byteCount() const {
-    ensurePrefixes();
-    return prefixBytes_.back();
-}
+std::int64_t PieceTable::byteCount() const { return blockBytes_.back(); }
 
 std::int64_t PieceTable::newlineCount() const {
-    if (isPristine_) return originalIndex_.knownNewlines();
-    ensurePrefixes();
-    return prefixLines_.back();
+    return isPristine_ ? originalIndex_.knownNewlines() : blockLines_.back();
 }
 
 const ByteSource& PieceTable::sourceOf(const Piece& piece) const {
     return piece.fromOriginal ? *original_ : static_cast<const ByteSource&>(added_);
 }
 
-std::size_t PieceTable::pieceIndexForByte(std::int64_t offset) const {
-    ensurePrefixes();
-    if (pieces_.empty()) return 0;
-    if (offset >= prefixBytes_.back()) return pieces_.size();
-    const auto begin = prefixBytes_.begin();
-    const auto after = std::upper_bound(begin, begin + static_cast<std::ptrdiff_t>(pieces_.size()), offset);
-    return after == begin ? 0 : static_cast<std::size_t>(after - begin - 1);
+PieceTable::Place PieceTable::endPlace() const { return {blocks_.size(), 0, blockBytes_.back(), blockLines_.back()}; }
+
+PieceTable::Place PieceTable::placeForByte(std::int64_t offset) const {
+    if (offset >= blockBytes_.back()) return endPlace();
+    offset = std::max<std::int64_t>(offset, 0);
+    const auto begin = blockBytes_.begin();
+    const auto b = static_cast<std::size_t>(
+        std::upper_bound(begin, begin + static_cast<std::ptrdiff_t>(blocks_.size()), offset) - begin - 1);
+    Place place{b, 0, blockBytes_[b], blockLines_[b]};
+    const auto& pieces = blocks_[b].pieces;
+    while (place.slot + 1 < pieces.size() && place.start + pieces[place.slot].length <= offset) {
+        place.start += pieces[place.slot].length;
+        place.lines += pieces[place.slot].newlines;
+        ++place.slot;
+    }
+    return place;
+}
+
+PieceTable::Place PieceTable::placeForNewline(std::int64_t number) const {
+    // The first block whose end has seen more than `number` newlines holds newline `number`.
+    const auto begin = blockLines_.begin() + 1;
+    const auto b = static_cast<std::size_t>(
+        std::upper_bound(begin, begin + static_cast<std::ptrdiff_t>(blocks_.size()), number) - begin);
+    if (b >= blocks_.size()) return endPlace();
+    Place place{b, 0, blockBytes_[b], blockLines_[b]};
+    const auto& pieces = blocks_[b].pieces;
+    while (place.slot + 1 < pieces.size() && place.lines + pieces[place.slot].newlines <= number) {
+        place.start += pieces[place.slot].length;
+        place.lines += pieces[place.slot].newlines;
+        ++place.slot;
+    }
+    return place;
+}
+
+PieceTable::Place PieceTable::placeOfIndex(std::size_t index) const {
+    if (index >= pieceCount()) return endPlace();
+    const auto begin = blockPieces_.begin();
+    const auto b = static_cast<std::size_t>(
+        std::upper_bound(begin, begin + static_cast<std::ptrdiff_t>(blocks_.size()), index) - begin - 1);
+    Place place{b, 0, blockBytes_[b], blockLines_[b]};
+    for (; place.slot < index - blockPieces_[b]; ++place.slot) {
+        place.start += blocks_[b].pieces[place.slot].length;
+        place.lines += blocks_[b].pieces[place.slot].newlines;
+    }
+    return place;
+}
+
+void PieceTable::advance(Place& place) const {
+    const Piece& piece = pieceAt(place);
+    place.start += piece.length;
+    place.lines += piece.newlines;
+    if (++place.slot >= blocks_[place.block].pieces.size()) {
+        ++place.block;
+        place.slot = 0;
+    }
 }
 
 std::int64_t PieceTable::newlinesIn(bool fromOriginal, std::int64_t offset, std::int64_t length) const {
@@ -144,8 +194,7 @@ std::int64_t PieceTable::newlinesBefore(const Piece& piece, std::int64_t relativ
     return piece.newlines - newlinesIn(piece.fromOriginal, piece.offset + relative, piece.length - relative);
 }
 
-std::int64_t PieceTable::newlineOffsetInPiece(std::size_t index, std::int64_t k) const {
-    const Piece& piece = pieces_[index];
+std::int64_t PieceTable::newlineOffsetInPiece(const Piece& piece, std::int64_t k) const {
     if (!piece.fromOriginal || piece.length <= directScanLimit) {
         const NewlineSearch search = findNewlineIn(sourceOf(piece), {piece.offset, piece.offset + piece.length}, k);
         return search.found >= 0 ? search.found : piece.length - 1;
@@ -157,13 +206,10 @@ std::int64_t PieceTable::newlineOffsetInPiece(std::size_t index, std::int64_t k)
 std::int64_t PieceTable::offsetOfLine(std::int64_t line) const {
     if (isPristine_) return originalIndex_.startOffsetOfLine(line, *original_);
     if (line < 1) return 0;
-    ensurePrefixes();
-    if (prefixLines_.back() < line) return prefixBytes_.back();
-    // The first piece whose end has seen `line` newlines holds newline number line - 1.
-    const auto begin = prefixLines_.begin() + 1;
-    const auto found = std::lower_bound(begin, begin + static_cast<std::ptrdiff_t>(pieces_.size()), line);
-    const auto i = static_cast<std::size_t>(found - begin);
-    return prefixBytes_[i] + newlineOffsetInPiece(i, line - 1 - prefixLines_[i]) + 1;
+    if (blockLines_.back() < line) return blockBytes_.back();
+    // Line `line` starts after newline number line - 1.
+    const Place place = placeForNewline(line - 1);
+    return place.start + newlineOffsetInPiece(pieceAt(place), line - 1 - place.lines) + 1;
 }
 
 std::int64_t PieceTable::lineContainingOffset(std::int64_t offset) const {
@@ -171,11 +217,10 @@ std::int64_t PieceTable::lineContainingOffset(std::int64_t offset) const {
         return std::min(originalIndex_.newlineCountBefore(offset, *original_),
                         originalIndex_.estimatedLineCount() - 1);
     }
-    ensurePrefixes();
-    const std::int64_t o = std::clamp<std::int64_t>(offset, 0, prefixBytes_.back());
-    const std::size_t i = pieceIndexForByte(o);
-    if (i >= pieces_.size()) return prefixLines_.back();
-    return prefixLines_[i] + newlinesBefore(pieces_[i], o - prefixBytes_[i]);
+    const std::int64_t o = std::clamp<std::int64_t>(offset, 0, blockBytes_.back());
+    const Place place = placeForByte(o);
+    if (isEnd(place)) return blockLines_.back();
+    return place.lines + newlinesBefore(pieceAt(place), o - place.start);
 }
 
 std::optional<std::int64_t> PieceTable::nextNewline(std::int64_t offset) const {
@@ -202,28 +247,28 @@ std::optional<std::int64_t> PieceTable::nextNewline(std::int64_t offset) const {
         }
         return std::nullopt;
     }
-    for (std::size_t i = pieceIndexForByte(from); i < pieces_.size(); ++i) {
-        const Piece& piece = pieces_[i];
-        const std::int64_t relative = std::max<std::int64_t>(from - prefixBytes_[i], 0);
-        if (piece.newlines == 0 || newlinesBefore(piece, relative) == piece.newlines) continue;
-        // There is a newline after `relative` in this piece, so the scan stops within a line.
-        const NewlineSearch search =
-            findNewlineIn(sourceOf(piece), {piece.offset + relative, piece.offset + piece.length}, 0);
-        if (search.found >= 0) return prefixBytes_[i] + relative + search.found;
-    }
+    // The piece that holds the next newline is the one where the count passes the newlines before `from`.
+    const Place here = placeForByte(from);
+    const std::int64_t before = here.lines + newlinesBefore(pieceAt(here), from - here.start);
+    if (before >= blockLines_.back()) return std::nullopt;
+    const Place place = placeForNewline(before);
+    const Piece& piece = pieceAt(place);
+    const std::int64_t relative = std::max<std::int64_t>(from - place.start, 0);
+    // There is a newline after `relative` in this piece, so the scan stops within a line.
+    const NewlineSearch search = findNewlineIn(sourceOf(piece), {piece.offset + relative, piece.offset + piece.length}, 0);
+    if (search.found >= 0) return place.start + relative + search.found;
     return std::nullopt;
 }
 
 void PieceTable::copyInto(ByteRange range, std::uint8_t* destination) const {
-    std::size_t i = pieceIndexForByte(range.lower);
-    for (std::int64_t at = range.lower; at < range.upper && i < pieces_.size(); ++i) {
-        const Piece& piece = pieces_[i];
-        const std::int64_t relative = at - prefixBytes_[i];
-        const std::int64_t take = std::min(piece.length - relative, range.upper - at);
-        if (take <= 0) continue;
-        sourceOf(piece).read({piece.offset + relative, piece.offset + relative + take},
-                             destination + (at - range.lower));
-        at += take;
+    for (Place place = placeForByte(range.lower); !isEnd(place) && place.start < range.upper; advance(place)) {
+        const Piece& piece = pieceAt(place);
+        const std::int64_t from = std::max(range.lower, place.start);
+        const std::int64_t to = std::min(range.upper, place.start + piece.length);
+        if (to <= from) continue;
+        const std::int64_t relative = from - place.start;
+        sourceOf(piece).read({piece.offset + relative, piece.offset + relative + (to - from)},
+                             destination + (from - range.lower));
     }
 }
 
@@ -241,10 +286,10 @@ void PieceTable::withBytes(ByteRange range, std::vector<std::uint8_t>& scratch,
         body({});
         return;
     }
-    const std::size_t i = pieceIndexForByte(clamped.lower);
-    if (i < pieces_.size() && clamped.upper <= prefixBytes_[i] + pieces_[i].length) {
-        const Piece& piece = pieces_[i];
-        const std::int64_t start = piece.offset + clamped.lower - prefixBytes_[i];
+    const Place place = placeForByte(clamped.lower);
+    if (!isEnd(place) && clamped.upper <= place.start + pieceAt(place).length) {
+        const Piece& piece = pieceAt(place);
+        const std::int64_t start = piece.offset + clamped.lower - place.start;
         sourceOf(piece).withBytes({start, start + clamped.length()}, body);
         return;
     }
@@ -257,7 +302,7 @@ bool PieceTable::stream(std::int64_t blockSize, const IsCancelled& isCancelled,
                         const std::function<void(std::span<const std::uint8_t>)>& sink) const {
     const std::int64_t block = std::max<std::int64_t>(blockSize, 1);
     std::vector<std::uint8_t> buffer;
-    for (const Piece& piece : pieces_) {
+    for (const Piece& piece : pieces()) {
         const ByteSource& source = sourceOf(piece);
         for (std::int64_t at = piece.offset; at < piece.offset + piece.length;) {
             if (isCancelled && isCancelled()) return false;
@@ -278,60 +323,94 @@ bool PieceTable::stream(std::int64_t blockSize, const IsCancelled& isCancelled,
 }
 
 void PieceTable::splice(std::size_t begin, std::size_t end, std::vector<Piece> replacement) {
-    ensurePrefixes();
-    const std::size_t oldCount = end - begin;
-    const std::size_t newCount = replacement.size();
-    // The totals up to the end of the replaced pieces, before the change.
-    const std::int64_t oldBytesAfter = prefixBytes_[end];
-    const std::int64_t oldLinesAfter = prefixLines_[end];
-    // One move of the tail for the pieces and one for each prefix array.
-    const auto from = static_cast<std::ptrdiff_t>(begin + std::min(oldCount, newCount));
-    const auto to = static_cast<std::ptrdiff_t>(end);
-    if (newCount > oldCount) {
-        const auto grow = newCount - oldCount;
-        pieces_.insert(pieces_.begin() + to, grow, Piece{});
-        prefixBytes_.insert(prefixBytes_.begin() + to + 1, grow, 0);
-        prefixLines_.insert(prefixLines_.begin() + to + 1, grow, 0);
-    } else if (newCount < oldCount) {
-        pieces_.erase(pieces_.begin() + from, pieces_.begin() + to);
-        prefixBytes_.erase(prefixBytes_.begin() + from + 1, prefixBytes_.begin() + to + 1);
-        prefixLines_.erase(prefixLines_.begin() + from + 1, prefixLines_.begin() + to + 1);
+    // Pieces [begin, end), counted across the blocks, give way to `replacement`, which goes into
+    // the block of `begin` (the last block when `begin` is the end).
+    if (blocks_.empty()) blocks_.push_back(Block{});
+    Place first = placeOfIndex(begin);
+    if (isEnd(first)) first = {blocks_.size() - 1, blocks_.back().pieces.size(), 0, 0};
+    const Place last = placeOfIndex(end);
+    std::size_t lastBlock = isEnd(last) ? blocks_.size() - 1 : last.block;
+    std::size_t lastSlot = isEnd(last) ? blocks_.back().pieces.size() : last.slot;
+    if (lastBlock < first.block) {
+        lastBlock = first.block;
+        lastSlot = first.slot;
     }
-    for (std::size_t k = 0; k < newCount; ++k) {
-        pieces_[begin + k] = replacement[k];
-        prefixBytes_[begin + k + 1] = prefixBytes_[begin + k] + replacement[k].length;
-        prefixLines_[begin + k + 1] = prefixLines_[begin + k] + replacement[k].newlines;
+    auto& pieces = blocks_[first.block].pieces;
+    const auto at = static_cast<std::ptrdiff_t>(first.slot);
+    if (lastBlock == first.block) {
+        pieces.erase(pieces.begin() + at, pieces.begin() + static_cast<std::ptrdiff_t>(lastSlot));
+        pieces.insert(pieces.begin() + at, replacement.begin(), replacement.end());
+    } else {
+        auto& tail = blocks_[lastBlock].pieces;
+        tail.erase(tail.begin(), tail.begin() + static_cast<std::ptrdiff_t>(lastSlot));
+        pieces.erase(pieces.begin() + at, pieces.end());
+        pieces.insert(pieces.end(), replacement.begin(), replacement.end());
+        blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(first.block) + 1,
+                      blocks_.begin() + static_cast<std::ptrdiff_t>(lastBlock));
     }
-    // Everything after moves by what the replaced pieces gained or lost.
-    const std::size_t last = begin + newCount;
-    const std::int64_t deltaBytes = prefixBytes_[last] - oldBytesAfter;
-    const std::int64_t deltaLines = prefixLines_[last] - oldLinesAfter;
-    if (deltaBytes != 0 || deltaLines != 0) {
-        for (std::size_t k = last + 1; k < prefixBytes_.size(); ++k) {
-            prefixBytes_[k] += deltaBytes;
-            prefixLines_[k] += deltaLines;
+    rebalance(first.block == 0 ? 0 : first.block - 1, first.block + 1);
+    rebuildBlockPrefixes();
+}
+
+void PieceTable::rebalance(std::size_t firstBlock, std::size_t lastBlock) {
+    // Only the blocks from `firstBlock` through `lastBlock` changed: their totals are summed
+    // again, an empty one goes, a large one is cut, and small neighbours are joined.
+    std::size_t limit = std::min(lastBlock + 1, blocks_.size()); // one past the last to look at
+    for (std::size_t b = firstBlock; b < limit;) {
+        Block& block = blocks_[b];
+        if (block.pieces.empty()) {
+            blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(b));
+            --limit;
+            continue;
         }
+        if (b + 1 < blocks_.size() && block.pieces.size() + blocks_[b + 1].pieces.size() <= blockPieces) {
+            auto& next = blocks_[b + 1].pieces;
+            block.pieces.insert(block.pieces.end(), next.begin(), next.end());
+            blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(b) + 1);
+            if (b + 1 < limit) --limit;
+            continue;
+        }
+        if (block.pieces.size() > 2 * blockPieces) {
+            std::vector<Block> cut;
+            for (std::size_t from = 0; from < block.pieces.size(); from += blockPieces) {
+                const auto to = std::min(block.pieces.size(), from + blockPieces);
+                cut.push_back(Block{{block.pieces.begin() + static_cast<std::ptrdiff_t>(from),
+                                     block.pieces.begin() + static_cast<std::ptrdiff_t>(to)}, 0, 0});
+            }
+            limit += cut.size() - 1;
+            blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(b));
+            blocks_.insert(blocks_.begin() + static_cast<std::ptrdiff_t>(b), std::make_move_iterator(cut.begin()),
+                           std::make_move_iterator(cut.end()));
+        }
+        Block& settled = blocks_[b];
+        settled.bytes = 0;
+        settled.newlines = 0;
+        for (const Piece& piece : settled.pieces) {
+            settled.bytes += piece.length;
+            settled.newlines += piece.newlines;
+        }
+        ++b;
     }
-    prefixValid_ = true;
 }
 
 void PieceTable::compactIfNeeded(std::size_t editedBegin, std::size_t editedEnd) {
-    if (pieces_.size() < compactionThreshold) {
+    if (pieceCount() < compactionThreshold) {
         compactedWhole_ = false;
         return;
     }
     // Once the whole list has been compacted, only the edited pieces and their neighbours can
     // have become mergeable; the result is the same as rewriting the whole list.
     std::size_t begin = 0;
-    std::size_t end = pieces_.size();
+    std::size_t end = pieceCount();
     if (compactedWhole_) {
         begin = editedBegin > 0 ? editedBegin - 1 : 0;
-        end = std::min(pieces_.size(), editedEnd + 1);
+        end = std::min(pieceCount(), editedEnd + 1);
     }
     std::vector<Piece> merged;
     merged.reserve(end - begin);
-    for (std::size_t i = begin; i < end; ++i) {
-        const Piece& piece = pieces_[i];
+    Place place = placeOfIndex(begin);
+    for (std::size_t i = begin; i < end; ++i, advance(place)) {
+        const Piece& piece = pieceAt(place);
         if (piece.length == 0) continue;
         if (!merged.empty()) {
             Piece& previous = merged.back();
@@ -350,35 +429,36 @@ void PieceTable::compactIfNeeded(std::size_t editedBegin, std::size_t editedEnd)
 
 std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const std::uint8_t> inserted) {
     materialize();
-    ensurePrefixes();
-    const std::int64_t count = prefixBytes_.back();
+    const std::int64_t count = byteCount();
     const std::int64_t lo = std::clamp<std::int64_t>(range.lower, 0, count);
     const std::int64_t hi = std::clamp<std::int64_t>(range.upper, lo, count);
     std::vector<std::uint8_t> removed = bytes({lo, hi});
     const auto insertedLength = static_cast<std::int64_t>(inserted.size());
 
     // Typing at the very end grows the last piece in place while it stays short.
-    if (lo == hi && insertedLength > 0 && lo == count && !pieces_.empty()) {
-        Piece& last = pieces_.back();
+    if (lo == hi && insertedLength > 0 && lo == count && !blocks_.empty()) {
+        Piece& last = blocks_.back().pieces.back();
         if (!last.fromOriginal && last.offset + last.length == added_.count() &&
             last.length + insertedLength <= maximumAddedPieceLength) {
             added_.append(inserted);
             const std::int64_t newlines = ByteScan::countNewlines(inserted);
             last.length += insertedLength;
             last.newlines += newlines;
-            prefixBytes_.back() += insertedLength;
-            prefixLines_.back() += newlines;
+            blocks_.back().bytes += insertedLength;
+            blocks_.back().newlines += newlines;
+            blockBytes_.back() += insertedLength;
+            blockLines_.back() += newlines;
             return removed;
         }
     }
 
     // The pieces from the one holding `lo` through the one holding `hi` are replaced by what is
     // left of the first before `lo`, the inserted pieces, and what is left of the last after `hi`.
-    const std::size_t first = pieceIndexForByte(lo);
+    const Place first = placeForByte(lo);
     std::vector<Piece> replacement;
-    if (first < pieces_.size() && lo > prefixBytes_[first]) {
-        const Piece& piece = pieces_[first];
-        const std::int64_t length = lo - prefixBytes_[first];
+    if (!isEnd(first) && lo > first.start) {
+        const Piece& piece = pieceAt(first);
+        const std::int64_t length = lo - first.start;
         replacement.push_back(Piece{piece.fromOriginal, piece.offset, length, newlinesBefore(piece, length)});
     }
     if (insertedLength > 0) {
@@ -390,18 +470,19 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
         }
     }
     // `hi` lies in piece `last`, or at the end; a piece that `hi` cuts keeps its tail.
-    const std::size_t last = pieceIndexForByte(hi);
-    std::size_t end = last;
-    if (last < pieces_.size() && hi > prefixBytes_[last]) {
-        const Piece& piece = pieces_[last];
-        const std::int64_t relative = hi - prefixBytes_[last];
+    const Place last = placeForByte(hi);
+    std::size_t end = isEnd(last) ? pieceCount() : indexOf(last);
+    if (!isEnd(last) && hi > last.start) {
+        const Piece& piece = pieceAt(last);
+        const std::int64_t relative = hi - last.start;
         replacement.push_back(Piece{piece.fromOriginal, piece.offset + relative, piece.length - relative,
                                     piece.newlines - newlinesBefore(piece, relative)});
-        end = last + 1;
+        end += 1;
     }
+    const std::size_t begin = isEnd(first) ? pieceCount() : indexOf(first);
     const std::size_t replacedCount = replacement.size();
-    splice(first, end, std::move(replacement));
-    compactIfNeeded(first, first + replacedCount);
+    splice(begin, end, std::move(replacement));
+    compactIfNeeded(begin, begin + replacedCount);
     return removed;
 }
 

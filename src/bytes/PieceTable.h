@@ -38,6 +38,8 @@ public:
     /// At this many pieces an edit merges neighbours that are contiguous in their store.
     static constexpr std::size_t compactionThreshold = 65;
 
+    class PieceList;
+
     /// A pristine table over `original`, whose index (possibly partial) is `index`.
     PieceTable(std::shared_ptr<const ByteSource> original, LineIndex index);
 
@@ -48,7 +50,8 @@ public:
     /// except to leave the pristine state).
     [[nodiscard]] LineIndex& originalIndex() { return originalIndex_; }
     [[nodiscard]] const AppendBuffer& added() const { return added_; }
-    [[nodiscard]] const std::vector<Piece>& pieces() const { return pieces_; }
+    /// The pieces in document order.
+    [[nodiscard]] PieceList pieces() const;
     [[nodiscard]] bool isPristine() const { return isPristine_; }
 
     /// Leaves the pristine state: the single piece learns its newline count from the index.
@@ -86,28 +89,97 @@ public:
     std::vector<std::uint8_t> replace(ByteRange range, std::span<const std::uint8_t> inserted);
 
 private:
-    void ensurePrefixes() const;
-    void rebuildPrefixes() const;
-    [[nodiscard]] std::size_t pieceIndexForByte(std::int64_t offset) const;
+    // The pieces are kept in blocks of a few hundred, each knowing its totals, so that an edit
+    // moves one block's worth of pieces and a few block totals, however many pieces there are.
+    struct Block {
+        std::vector<Piece> pieces;
+        std::int64_t bytes = 0;
+        std::int64_t newlines = 0;
+    };
+    /// Where a piece stands: its block and slot, the bytes and newlines before it.
+    struct Place {
+        std::size_t block = 0;
+        std::size_t slot = 0;
+        std::int64_t start = 0;
+        std::int64_t lines = 0;
+    };
+
+    [[nodiscard]] std::size_t pieceCount() const { return blockPieces_.back(); }
+    [[nodiscard]] const Piece& pieceAt(const Place& place) const { return blocks_[place.block].pieces[place.slot]; }
+    [[nodiscard]] bool isEnd(const Place& place) const { return place.block >= blocks_.size(); }
+    [[nodiscard]] Place endPlace() const;
+    [[nodiscard]] Place placeForByte(std::int64_t offset) const;
+    [[nodiscard]] Place placeForNewline(std::int64_t number) const;
+    [[nodiscard]] Place placeOfIndex(std::size_t index) const;
+    [[nodiscard]] std::size_t indexOf(const Place& place) const { return blockPieces_[place.block] + place.slot; }
+    void advance(Place& place) const;
+
     [[nodiscard]] const ByteSource& sourceOf(const Piece& piece) const;
     [[nodiscard]] std::int64_t newlinesIn(bool fromOriginal, std::int64_t offset, std::int64_t length) const;
     [[nodiscard]] std::int64_t newlinesBefore(const Piece& piece, std::int64_t relative) const;
-    [[nodiscard]] std::int64_t newlineOffsetInPiece(std::size_t piece, std::int64_t k) const;
+    [[nodiscard]] std::int64_t newlineOffsetInPiece(const Piece& piece, std::int64_t k) const;
     void copyInto(ByteRange range, std::uint8_t* destination) const;
     void splice(std::size_t begin, std::size_t end, std::vector<Piece> replacement);
+    void rebalance(std::size_t firstBlock, std::size_t lastBlock);
+    void rebuildBlockPrefixes();
     void compactIfNeeded(std::size_t editedBegin, std::size_t editedEnd);
 
     std::shared_ptr<const ByteSource> original_;
     LineIndex originalIndex_;
     AppendBuffer added_;
-    std::vector<Piece> pieces_;
-    // Bytes and newlines before each piece; one more entry than pieces, the last the totals.
-    mutable std::vector<std::int64_t> prefixBytes_{0};
-    mutable std::vector<std::int64_t> prefixLines_{0};
-    mutable bool prefixValid_ = false;
+    std::vector<Block> blocks_; // never an empty block
+    // Bytes, newlines and pieces before each block; one more entry than blocks, the last the totals.
+    std::vector<std::int64_t> blockBytes_{0};
+    std::vector<std::int64_t> blockLines_{0};
+    std::vector<std::size_t> blockPieces_{0};
     // True while no two neighbours could merge, so compaction need only look near an edit.
     bool compactedWhole_ = true;
     bool isPristine_ = false;
+
+public:
+    /// The pieces in order, read through the blocks: indexable and iterable.
+    class PieceList {
+    public:
+        class Iterator {
+        public:
+            using value_type = Piece;
+            using difference_type = std::ptrdiff_t;
+            Iterator() = default;
+            Iterator(const PieceTable* table, std::size_t block, std::size_t slot) : table_(table), block_(block), slot_(slot) {}
+            const Piece& operator*() const { return table_->blocks_[block_].pieces[slot_]; }
+            const Piece* operator->() const { return &**this; }
+            Iterator& operator++() {
+                if (++slot_ >= table_->blocks_[block_].pieces.size()) {
+                    ++block_;
+                    slot_ = 0;
+                }
+                return *this;
+            }
+            Iterator operator++(int) {
+                Iterator before = *this;
+                ++*this;
+                return before;
+            }
+            friend bool operator==(const Iterator& a, const Iterator& b) { return a.block_ == b.block_ && a.slot_ == b.slot_; }
+
+        private:
+            const PieceTable* table_ = nullptr;
+            std::size_t block_ = 0;
+            std::size_t slot_ = 0;
+        };
+
+        explicit PieceList(const PieceTable* table) : table_(table) {}
+        [[nodiscard]] std::size_t size() const { return table_->pieceCount(); }
+        [[nodiscard]] bool empty() const { return size() == 0; }
+        [[nodiscard]] const Piece& operator[](std::size_t index) const { return table_->pieceAt(table_->placeOfIndex(index)); }
+        [[nodiscard]] const Piece& front() const { return table_->blocks_.front().pieces.front(); }
+        [[nodiscard]] const Piece& back() const { return table_->blocks_.back().pieces.back(); }
+        [[nodiscard]] Iterator begin() const { return {table_, 0, 0}; }
+        [[nodiscard]] Iterator end() const { return {table_, table_->blocks_.size(), 0}; }
+
+    private:
+        const PieceTable* table_;
+    };
 };
 
 } // namespace brim

@@ -310,6 +310,38 @@ TEST(PieceTable, randomEditsAgreeWithAPlainString) {
     for (unsigned seed = 5; seed < 8; ++seed) runRandomEdits(seed, large, 500, seed == 6);
 }
 
+// Thousands of pieces, then removals that take whole runs of them at once, from the middle,
+// the start and the end, and insertions that cut the survivors again.
+TEST(PieceTable, manyPiecesAndWideRemovals) {
+    std::string model;
+    for (int i = 0; i < 3'000; ++i) model += "row " + std::to_string(i) + (i % 3 == 0 ? "\n" : " ");
+    auto table = tableOver(model, 4);
+    std::mt19937 random(11);
+    for (int i = 0; i < 4'000; ++i) {
+        const auto at = static_cast<std::int64_t>(random() % (model.size() + 1));
+        const std::string text = i % 5 == 0 ? "\n" : std::string(1, static_cast<char>('A' + i % 26));
+        table.replace({at, at}, bytesOf(text));
+        model.insert(static_cast<std::size_t>(at), text);
+    }
+    ASSERT_GT(table.pieces().size(), 5'000u);
+    expectSame(table, model, false);
+    const std::pair<double, double> cuts[] = {{0.30, 0.55}, {0.0, 0.1}, {0.9, 1.0}, {0.2, 0.2001}, {0.4, 0.6}};
+    for (const auto& [from, to] : cuts) {
+        const auto size = static_cast<double>(model.size());
+        const auto lo = static_cast<std::int64_t>(size * from);
+        const auto hi = static_cast<std::int64_t>(size * to);
+        SCOPED_TRACE(::testing::Message() << lo << ".." << hi);
+        const auto removed = table.replace({lo, hi}, bytesOf("<cut>\n"));
+        ASSERT_EQ(std::string(removed.begin(), removed.end()), model.substr(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo)));
+        model.replace(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo), "<cut>\n");
+        expectSame(table, model, false);
+    }
+    table.replace({0, table.byteCount()}, {});
+    expectSame(table, "", true);
+    table.replace({0, 0}, bytesOf("again\n"));
+    expectSame(table, "again\n", true);
+}
+
 TEST(PieceTable, withBytesAvoidsCopiesInsideOnePiece) {
     auto table = tableOver("0123456789abcdefghij");
     table.replace({10, 10}, bytesOf("XYZ"));
