@@ -1,10 +1,7 @@
-#include "bytes/LineIndex.h"
-#include "bytes/MappedSource.h"
-#include "bytes/MemorySource.h"
-#include "bytes/PieceTable.h"
 #include "common/BrimError.h"
 #include "common/Localization.h"
 #include "entry/Commands.h"
+#include "store/TextDocument.h"
 
 #include <chrono>
 #include <cstdio>
@@ -12,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <sys/statvfs.h>
 
 // `--benchmark file`: the timing suite. Each figure is one line "name: value unit" on standard
 // output, so scripts can pick them out and later steps can add their own.
@@ -53,24 +51,6 @@ std::int64_t peakResidentBytes() {
     return 0;
 }
 
-/// What opening costs, the way a document opens: files of a megabyte or more are mapped.
-constexpr std::int64_t mmapThreshold = 1'048'576;
-/// Opening indexes this much at once; the rest is for the background.
-constexpr std::int64_t openingIndexBytes = 1'048'576;
-
-std::shared_ptr<const ByteSource> openSource(const std::string& path) {
-    std::error_code error;
-    const auto size = std::filesystem::file_size(path, error);
-    if (!error && static_cast<std::int64_t>(size) >= mmapThreshold) {
-        try {
-            return std::make_shared<MappedSource>(path);
-        } catch (const BrimError&) {
-            // Not mappable (a special file): read it instead, below.
-        }
-    }
-    return std::make_shared<MemorySource>(MemorySource::bytesOfFile(path));
-}
-
 } // namespace
 
 int benchmarkCommand(Arguments arguments) {
@@ -81,33 +61,59 @@ int benchmarkCommand(Arguments arguments) {
         return 1;
     }
 
-    // open: the source, a deferred index through the first megabyte, and the table.
+    // open: the document as a window opens it; the index reaches through the first megabyte.
     const auto openStart = Clock::now();
-    std::shared_ptr<const ByteSource> source;
+    std::shared_ptr<TextDocument> document;
     try {
-        source = openSource(path);
+        TextDocument::OpenOptions options;
+        options.readProjectRules = false;
+        document = TextDocument::open(path, options);
     } catch (const BrimError&) {
         printError(L("cannot read %@", path));
         return 1;
     }
-    LineIndex openingIndex(source->count());
-    if (auto extension = openingIndex.plan(*source, openingIndexBytes)) openingIndex.commit(std::move(*extension));
-    PieceTable table(source, std::move(openingIndex));
     printFigure("open", secondsSince(openStart), 3, "s");
+    const auto source = document->backing();
 
-    // index: the rest of the line index, in one parallel pass.
+    // index: the rest of the line index, in one parallel pass, as the background would plan it.
     const auto indexStart = Clock::now();
-    LineIndex& index = table.originalIndex();
-    // A pass from front to back, advised as the document's background indexing advises it.
-    const auto* mapped = dynamic_cast<const MappedSource*>(source.get());
-    if (mapped != nullptr) mapped->adviseSequential(true);
-    if (auto extension = index.plan(*source, index.byteCount())) index.commit(std::move(*extension));
-    if (mapped != nullptr) mapped->adviseSequential(false);
+    if (auto extension = document->planIndexExtension(document->byteCount())) {
+        document->commitIndexExtension(std::move(*extension));
+    }
     const double indexSeconds = secondsSince(indexStart);
     printFigure("index", indexSeconds, 3, "s");
     const double rate = indexSeconds > 0 ? static_cast<double>(source->count()) / indexSeconds / 1e9 : 0;
     printFigure("index-rate", rate, 2, "GB/s");
-    printFigure("lines", static_cast<double>(index.estimatedLineCount()), 0);
+    printFigure("lines", static_cast<double>(document->lineCount()), 0);
+
+    // first-edit: a fresh document's first keystroke, which completes its index on the spot.
+    {
+        TextDocument::OpenOptions options;
+        options.readProjectRules = false;
+        const auto fresh = TextDocument::open(path, options);
+        const std::int64_t middle = fresh->byteCount() / 2;
+        const auto editStart = Clock::now();
+        fresh->replace({middle, middle}, "x", middle, middle + 1);
+        printFigure("first-edit", secondsSince(editStart), 3, "s");
+    }
+
+    // save: the edited document written beside the file, then removed; skipped without room for it.
+    document->replace({0, 0}, "x", 0, 1);
+    const auto saved = std::filesystem::path(path).parent_path() / ".brim-benchmark-save";
+    struct statvfs space {};
+    const auto folder = std::filesystem::absolute(path).parent_path();
+    if (::statvfs(folder.c_str(), &space) == 0 &&
+        static_cast<std::int64_t>(space.f_bavail) * static_cast<std::int64_t>(space.f_frsize) > 2 * document->byteCount()) {
+        try {
+            const auto saveStart = Clock::now();
+            const auto outcome = document->writeOut(folder / saved.filename(),
+                                                    {document->encoding, document->lineEnding, false, false});
+            printFigure("save", secondsSince(saveStart), 3, "s");
+        } catch (const BrimError& failure) {
+            printError(failure.what());
+        }
+        std::filesystem::remove(folder / saved.filename(), error);
+    }
 
     printFigure("peak-rss", static_cast<double>(peakResidentBytes()) / 1e6, 0, "MB");
     return 0;
