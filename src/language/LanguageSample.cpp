@@ -105,11 +105,15 @@ std::string decodeRepairingUTF8(std::span<const std::uint8_t> bytes) {
 }
 
 std::optional<std::string> read(const std::string& path) {
-    auto head = readHead(path, compressedReadLimit);
+    auto head = readHead(path, static_cast<std::size_t>(sampleBytes));
     if (!head) {
         return std::nullopt;
     }
     if (Gzip::isGzip(*head)) {
+        head = readHead(path, compressedReadLimit);
+        if (!head) {
+            return std::nullopt;
+        }
         // Unpacked with no checks at the end: a damaged tail still leaves a readable head.
         *head = Gzip::unpackPrefix(*head, sampleBytes);
     }
