@@ -4,6 +4,7 @@
 //
 // Files are generated under $TMPDIR (default /tmp) and removed at the end. Sizes:
 //   BRIM_BENCH_INDEX_BYTES   the file for the index and `wc -l` (default 2 GiB)
+//   BRIM_BENCH_INDEX_FILE    an existing file to use for them instead
 //   BRIM_BENCH_EDIT_BYTES    the large document for random edits (default 1 GiB)
 //   BRIM_BENCH_EDITS         edits per run (default 100,000)
 
@@ -112,6 +113,12 @@ const std::filesystem::path& generated(const std::string& name, std::int64_t siz
 }
 
 const std::filesystem::path& indexFile() {
+    // A file given by the caller (scripts/compare-peers makes one) is used as it is.
+    static const std::filesystem::path given = [] {
+        const char* path = std::getenv("BRIM_BENCH_INDEX_FILE");
+        return path == nullptr ? std::filesystem::path() : std::filesystem::path(path);
+    }();
+    if (!given.empty()) return given;
     const std::int64_t size = environmentNumber("BRIM_BENCH_INDEX_BYTES", 2'147'483'648);
     return generated("index.log", size, size);
 }
@@ -214,6 +221,7 @@ void BM_OpenPartial(benchmark::State& state) {
         residentOpen = residentBytes("VmRSS:");
     }
     state.counters["resident-growth-MB"] = static_cast<double>(residentOpen - residentBefore) / 1e6;
+    state.counters["peak-rss-MB"] = static_cast<double>(residentBytes("VmHWM:")) / 1e6;
 }
 BENCHMARK(BM_OpenPartial)->Arg(104'857'600)->Arg(10'737'418'240)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
@@ -291,6 +299,9 @@ BENCHMARK(BM_ScanWithCheckpoints);
 /// Keeps each benchmark's time per iteration, to print the ratios with the peer at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
+    // Colour only for a terminal; counters as "name=value", which scripts can pick out.
+    RatioReporter() : ConsoleReporter(::isatty(1) != 0 ? OO_Color : OO_None) {}
+
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
             if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
