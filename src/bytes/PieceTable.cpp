@@ -456,10 +456,12 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
     // left of the first before `lo`, the inserted pieces, and what is left of the last after `hi`.
     const Place first = placeForByte(lo);
     std::vector<Piece> replacement;
+    std::optional<std::int64_t> newlinesBeforeLo; // within the piece that holds `lo`
     if (!isEnd(first) && lo > first.start) {
         const Piece& piece = pieceAt(first);
         const std::int64_t length = lo - first.start;
-        replacement.push_back(Piece{piece.fromOriginal, piece.offset, length, newlinesBefore(piece, length)});
+        newlinesBeforeLo = newlinesBefore(piece, length);
+        replacement.push_back(Piece{piece.fromOriginal, piece.offset, length, *newlinesBeforeLo});
     }
     if (insertedLength > 0) {
         const std::int64_t start = added_.append(inserted);
@@ -475,8 +477,13 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
     if (!isEnd(last) && hi > last.start) {
         const Piece& piece = pieceAt(last);
         const std::int64_t relative = hi - last.start;
+        // Within the same piece as `lo`, the count before `hi` is the one before `lo` and the
+        // removed bytes' own, which are at hand: no second look at a long piece.
+        const std::int64_t before = newlinesBeforeLo && last.block == first.block && last.slot == first.slot
+                                        ? *newlinesBeforeLo + ByteScan::countNewlines(removed)
+                                        : newlinesBefore(piece, relative);
         replacement.push_back(Piece{piece.fromOriginal, piece.offset + relative, piece.length - relative,
-                                    piece.newlines - newlinesBefore(piece, relative)});
+                                    piece.newlines - before});
         end += 1;
     }
     const std::size_t begin = isEnd(first) ? pieceCount() : indexOf(first);
