@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 
 namespace brim {
@@ -73,6 +74,29 @@ TEST(LanguageCommand, theContentSpeaksWhereTheNameIsSilent) {
     // The name wins where it says something, and the content still has its say beside it.
     const auto named = folder.write("change.c", "diff --git a/x b/x\n--- a/x\n+++ b/x\n@@ -1 +1 @@\n-a\n+b\n").string();
     EXPECT_EQ(runBrim({"--language", named}).out, named + ": C / C++ / Objective-C  (content says Diff / Patch)\n");
+}
+
+TEST(LanguageCommand, looksThroughGzip) {
+    testing::TemporaryFolder folder;
+    std::string python = "import os\nimport sys\n\nclass Reader(object):\n    def __init__(self, path):\n"
+                         "        self.path = path\n\n    def lines(self):\n        with open(self.path) as f:\n"
+                         "            return [l.rstrip() for l in f]\n\nif __name__ == '__main__':\n"
+                         "    print(Reader(sys.argv[1]).lines())\n";
+    const auto plain = folder.write("reader", python);
+    ASSERT_EQ(testing::runProcess("gzip", {"-k", plain.string()}).status, 0);
+    const auto packed = (folder / "reader.gz").string();
+    // The name says nothing once ".gz" is taken off; the unpacked text says Python.
+    EXPECT_EQ(runBrim({"--language", packed}).out, packed + ": Python  (content says Python)\n");
+    std::filesystem::rename(packed, folder / "reader.py.gz");
+    const auto named = (folder / "reader.py.gz").string();
+    EXPECT_EQ(runBrim({"--language", named}).out, named + ": Python  (content says Python)\n");
+    // A damaged stream gives what could be unpacked, never a crash.
+    auto bytes = testing::readFile(named);
+    bytes.resize(bytes.size() / 2);
+    const auto cut = folder.write("cut.py.gz", bytes).string();
+    const auto result = runBrim({"--language", cut});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_TRUE(result.out.starts_with(cut + ": Python  (content says ")) << result.out;
 }
 
 } // namespace
