@@ -98,6 +98,8 @@ public:
     /// Scans from `indexedBytes()` through `throughByte` (clamped to the source) in parallel
     /// slices and returns what it found, or nothing if cancelled. Reads only `indexedBytes()`
     /// and `byteCount()` of the index, so it may run on any thread while the owner queries.
+    /// `progress` and `isCancelled` are called from the slices' threads, possibly at once.
+    /// A source that prefers buffered reads is read into one private block per slice.
     [[nodiscard]] std::optional<Extension> plan(const ByteSource& source, std::int64_t throughByte,
                                                 const Progress& progress = {},
                                                 const IsCancelled& isCancelled = {}) const;
