@@ -16,6 +16,11 @@ constexpr std::uint64_t fnvPrime = 0x100'0000'01b3;
 /// Below this many bytes one thread hashes the whole text; above it, slices go to the pool.
 constexpr std::size_t parallelHashThreshold = 4 * 1'048'576;
 
+/// The shortest-edit search is tried on stretches of at most this many lines in all, for at most
+/// this many rounds (edits); its memory grows with the square of the rounds.
+constexpr std::int64_t shortestEditLineLimit = 200'000;
+constexpr std::int64_t shortestEditRounds = 2'000;
+
 /// Hashes the lines of `bytes` onto `out`. `IgnoreCase` and `IgnoreWhitespace` are template flags
 /// so the plain loop carries no tests per byte.
 template <bool IgnoreCase, bool IgnoreWhitespace>
@@ -102,6 +107,9 @@ public:
         // line a few times; input built to peel one anchor per level would scan quadratically, so
         // past this budget stretches go straight to the bounded exact match.
         scanBudget_ = 8 * total + 65'536;
+        // The shortest-edit search may spend about as much as a few passes over the text, plus a
+        // fixed allowance that covers ordinary source files outright.
+        editStepBudget_ = 16 * total + 4'000'000;
     }
 
     std::vector<GitHunk> run() {
@@ -170,12 +178,15 @@ private:
         pushDiagonal(oldUpper, newUpper, suffix);   // runs after everything pushed below
         if (oldLower == oldUpper || newLower == newUpper) return;
 
-        // A stretch small enough for the exact table gets the fewest changed lines there are;
-        // anchors only serve to split larger ones.
+        // A stretch small enough for the exact table gets the fewest changed lines there are, and
+        // so does a larger one whose edit distance is small enough to find within a bounded cost;
+        // anchors only serve to split what is left, where a unique line that moved far could
+        // otherwise pull everything between into the change.
         if ((oldUpper - oldLower) * (newUpper - newLower) <= exactMatchCellLimit) {
             exactMatch(oldLower, oldUpper, newLower, newUpper);
             return;
         }
+        if (shortestEdit(oldLower, oldUpper, newLower, newUpper)) return;
         const std::int64_t size = (oldUpper - oldLower) + (newUpper - newLower);
         if (scanned_ + size <= scanBudget_) {
             scanned_ += size;
@@ -279,6 +290,71 @@ private:
         return result;
     }
 
+    /// The fewest changed lines by the greedy O((N+M)D) search for the shortest edit, keeping each
+    /// round's furthest reaches to walk the path back. Gives up (false) past `shortestEditRounds`
+    /// rounds or when the steps spent here, over all stretches, pass their budget.
+    bool shortestEdit(std::int64_t oldLower, std::int64_t oldUpper, std::int64_t newLower, std::int64_t newUpper) {
+        const std::int64_t oldCount = oldUpper - oldLower;
+        const std::int64_t newCount = newUpper - newLower;
+        if (oldCount + newCount > shortestEditLineLimit) return false;
+        const std::int64_t maxRounds = std::min<std::int64_t>(shortestEditRounds, oldCount + newCount);
+        // Round d keeps the reaches of diagonals -d..d at rounds_[d * d + (k + d)].
+        rounds_.clear();
+        std::vector<std::int64_t> reach(static_cast<std::size_t>(2 * maxRounds + 3), 0);
+        const std::int64_t centre = maxRounds + 1;
+        const auto at = [&](std::int64_t k) -> std::int64_t& { return reach[static_cast<std::size_t>(centre + k)]; };
+        const auto same = [&](std::int64_t x, std::int64_t y) {
+            return old_[static_cast<std::size_t>(oldLower + x)] == new_[static_cast<std::size_t>(newLower + y)];
+        };
+        std::int64_t finalRound = -1;
+        for (std::int64_t d = 0; d <= maxRounds && finalRound < 0; ++d) {
+            for (std::int64_t k = -d; k <= d; k += 2) {
+                std::int64_t x = (k == -d || (k != d && at(k - 1) < at(k + 1))) ? at(k + 1) : at(k - 1) + 1;
+                std::int64_t y = x - k;
+                const std::int64_t snakeFrom = x;
+                while (x < oldCount && y < newCount && same(x, y)) {
+                    ++x;
+                    ++y;
+                }
+                at(k) = x;
+                editSteps_ += x - snakeFrom;
+                if (x >= oldCount && y >= newCount) finalRound = d;
+            }
+            for (std::int64_t k = -d; k <= d; ++k) rounds_.push_back(static_cast<std::int32_t>(at(k)));
+            editSteps_ += 2 * d + 1;
+            if (editSteps_ > editStepBudget_) return false;
+        }
+        if (finalRound < 0) return false;
+
+        const auto roundReach = [&](std::int64_t d, std::int64_t k) {
+            return static_cast<std::int64_t>(rounds_[static_cast<std::size_t>(d * d + (k + d))]);
+        };
+        std::vector<Pair> reversed;
+        std::int64_t x = oldCount;
+        std::int64_t y = newCount;
+        for (std::int64_t d = finalRound; d > 0; --d) {
+            const std::int64_t k = x - y;
+            const bool down = k == -d || (k != d && roundReach(d - 1, k - 1) < roundReach(d - 1, k + 1));
+            const std::int64_t previousK = down ? k + 1 : k - 1;
+            const std::int64_t previousX = roundReach(d - 1, previousK);
+            const std::int64_t snakeStart = down ? previousX : previousX + 1;
+            while (x > snakeStart && y > snakeStart - k) {
+                --x;
+                --y;
+                reversed.push_back({static_cast<std::uint32_t>(oldLower + x), static_cast<std::uint32_t>(newLower + y)});
+            }
+            x = previousX;
+            y = previousX - previousK;
+        }
+        while (x > 0 && y > 0) {
+            --x;
+            --y;
+            reversed.push_back({static_cast<std::uint32_t>(oldLower + x), static_cast<std::uint32_t>(newLower + y)});
+        }
+        for (auto pair = reversed.rbegin(); pair != reversed.rend(); ++pair) builder_.matched(pair->oldLine, pair->newLine, 1);
+        return true;
+    }
+
     /// The longest common subsequence by a full table, when the stretch is small enough; otherwise
     /// nothing matches and the stretch becomes one modified block.
     void exactMatch(std::int64_t oldLower, std::int64_t oldUpper, std::int64_t newLower, std::int64_t newUpper) {
@@ -321,6 +397,9 @@ private:
     HunkBuilder builder_;
     std::vector<Slot> slots_;        // scratch for `uniqueCommonLines`, reused
     std::vector<std::int32_t> table_;  // scratch for `exactMatch`, reused
+    std::vector<std::int32_t> rounds_; // scratch for `shortestEdit`, reused
+    std::int64_t editSteps_ = 0;
+    std::int64_t editStepBudget_ = 0;
     std::int64_t scanned_ = 0;
     std::int64_t scanBudget_ = 0;
 };

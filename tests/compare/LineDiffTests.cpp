@@ -177,6 +177,17 @@ TEST(LineDiff, largeStretchesWithoutUniqueLinesBecomeOneBlock) {
     EXPECT_EQ(diff("x\ny\nx\ny\n", "y\nx\ny\n"), (std::vector<GitHunk>{{Kind::removed, {0, 0}, {0, 1}}}));
 }
 
+TEST(LineDiff, aLineThatMovedFarDoesNotDragTheRestIntoTheChange) {
+    // "U" is the only unique line; anchoring on it would mark all 600 braces on both sides.
+    std::string braces;
+    for (int i = 0; i < 600; ++i) braces += "}\n";
+    const auto found = diff("U\n" + braces, braces + "U\n");
+    std::int64_t changed = 0;
+    for (const GitHunk& hunk : found) changed += hunk.lines.length() + hunk.oldLines.length();
+    EXPECT_EQ(changed, 2);
+    testing::expectConsistentHunks(hashes("U\n" + braces), hashes(braces + "U\n"), found);
+}
+
 TEST(LineDiff, carriesLineNumbersAcrossChanges) {
     // old: a b c d e f     new: a X Y c e f   (b becomes X Y, d goes)
     const auto found = diff("a\nb\nc\nd\ne\nf\n", "a\nX\nY\nc\ne\nf\n");
