@@ -46,6 +46,12 @@ namespace {
 
 constexpr std::int64_t scanChunk = 65'536;
 
+/// The processors the pool runs on, asked once: the system reads a file to answer.
+std::size_t processors() {
+    static const std::size_t count = activeProcessorCount();
+    return count;
+}
+
 bool isWordByte(std::uint8_t byte) {
     return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
            byte == '_' || byte >= 0x80;
@@ -222,7 +228,7 @@ Result matchingRuns(SearchText text, const SearchQuery& query, std::optional<std
     std::int64_t toDo = 0;
     for (const LineRun& run : runs) toDo += run.bytes.clampedTo(count).length();
     std::int64_t done = 0;
-    const std::size_t waveSize = activeProcessorCount() * 4;
+    const std::size_t waveSize = processors() * 4;
 
     for (const LineRun& candidate : runs) {
         const ByteRange bytes = candidate.bytes.clampedTo(count);

@@ -1,5 +1,7 @@
 #include "search/ProjectFiles.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/statfs.h>
 
 #include <unicode/ubrk.h>
@@ -52,34 +54,41 @@ ProjectFiles::Listing walk(const fs::path& root) {
     ProjectFiles::Listing listing;
     listing.root = root;
     const auto& skipped = ProjectFiles::skippedDirectories();
-    std::deque<std::pair<fs::path, int>> folders{{root, 0}};
+    std::deque<std::pair<std::string, int>> folders{{root.string(), 0}};
     while (!folders.empty()) {
         auto [folder, depth] = std::move(folders.front());
         folders.pop_front();
         if (depth > ProjectFiles::maxDepth) continue;
-        std::error_code error;
-        fs::directory_iterator entries(folder, fs::directory_options::skip_permission_denied, error);
-        if (error) continue;
-        for (const fs::directory_iterator end; entries != end; entries.increment(error)) {
-            if (error) break;
-            const fs::directory_entry& entry = *entries;
-            const std::string name = entry.path().filename().string();
+        DIR* directory = ::opendir(folder.c_str());
+        if (directory == nullptr) continue;  // unreadable: its files are simply not listed
+        const std::string prefix = folder.back() == '/' ? folder : folder + "/";
+        while (const dirent* entry = ::readdir(directory)) {
+            const std::string_view name(entry->d_name);
             if (name.empty() || name.front() == '.') continue;
-            std::error_code typeError;
-            const fs::file_status status = entry.symlink_status(typeError);
-            if (typeError || fs::is_symlink(status)) continue;
-            if (fs::is_directory(status)) {
+            std::string path = prefix;
+            path += name;
+            unsigned char type = entry->d_type;
+            if (type == DT_UNKNOWN) {
+                // Some file systems do not say in the listing: ask, without following a link.
+                struct stat status {};
+                if (::lstat(path.c_str(), &status) != 0) continue;
+                type = S_ISDIR(status.st_mode) ? DT_DIR : S_ISLNK(status.st_mode) ? DT_LNK : DT_REG;
+            }
+            if (type == DT_LNK) continue;
+            if (type == DT_DIR) {
                 if (std::find(skipped.begin(), skipped.end(), name) == skipped.end()) {
-                    folders.emplace_back(entry.path(), depth + 1);
+                    folders.emplace_back(std::move(path), depth + 1);
                 }
                 continue;
             }
             if (listing.paths.size() >= ProjectFiles::maxPaths) {
                 listing.isCapped = true;
+                ::closedir(directory);
                 return listing;
             }
-            listing.paths.push_back(entry.path().string());
+            listing.paths.push_back(std::move(path));
         }
+        ::closedir(directory);
     }
     return listing;
 }

@@ -77,7 +77,11 @@ ProjectSearch::FileOutcome ProjectSearch::examine(const std::filesystem::path& f
         return outcome;
     }
     if (!S_ISREG(status.st_mode) || status.st_size < 1 || status.st_size > maxFileBytes) return outcome;
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(status.st_size));
+    // Each thread reads into a buffer of its own that only ever grows to the largest file, so a
+    // project of many files costs no allocation a file.
+    thread_local MemorySource source;
+    std::vector<std::uint8_t>& bytes = source.bytes();
+    bytes.resize(static_cast<std::size_t>(status.st_size));
     std::size_t got = 0;
     if (!readPrefix(handle.fd(), bytes.data(), bytes.size(), got)) {
         outcome.status = FileOutcome::Status::unreadable;
@@ -86,7 +90,6 @@ ProjectSearch::FileOutcome ProjectSearch::examine(const std::filesystem::path& f
     bytes.resize(got);  // a file that shrank since the stat
     if (bytes.empty() || std::memchr(bytes.data(), 0, std::min(bytes.size(), textSniff)) != nullptr) return outcome;
 
-    const MemorySource source(std::move(bytes));
     outcome.status = FileOutcome::Status::searched;
     const FindAllResult found = SearchEngine::findAll(source, query, maxListedHits, 0, {}, isCancelled);
     if (found.timedOut) outcome.status = FileOutcome::Status::timedOut;

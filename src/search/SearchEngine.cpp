@@ -18,6 +18,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// The processors the pool runs on, asked once: the system reads a file to answer.
+std::size_t processors() {
+    static const std::size_t count = activeProcessorCount();
+    return count;
+}
+
 /// Matches one piece of parallel work may hold before it hands over to a sequential pass.
 constexpr std::size_t pieceCapacity = std::size_t{1} << 18;
 /// Below this a search runs in the calling thread alone.
@@ -30,6 +36,7 @@ constexpr std::int64_t lookbehindContext = 4'096;
 constexpr std::int64_t scanChunk = 65'536;
 constexpr std::int64_t backwardWindowLimit = 67'108'864;
 constexpr std::int64_t noLimit = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t histogramThreshold = 262'144;
 
 bool isWordByte(std::uint8_t byte) {
     return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
@@ -405,9 +412,9 @@ RunEnd run(SearchText text, const Plan& plan, Collector& collector, const RunOpt
     };
 
     const bool wide = options.allowParallel && options.range.clampedTo(source.count()).length() > parallelThreshold &&
-                      activeProcessorCount() > 1;
+                      processors() > 1;
     bool sequential = !wide;
-    const std::size_t waveSize = activeProcessorCount() * (plan.literal ? 4 : 16);
+    const std::size_t waveSize = processors() * (plan.literal ? 4 : 16);
 
     while (true) {
         if (until()) return interrupted();
@@ -511,7 +518,9 @@ std::optional<LiteralMatcher> literalMatcher(const SearchQuery& query, SearchTex
         bytes = std::move(*encoded);
     }
     if (bytes.empty()) return std::nullopt;
-    if (!useHistogram) return LiteralMatcher(bytes, !query.caseSensitive);
+    // Below a quarter of a megabyte the whole scan costs about what sampling would, so the
+    // static ranks choose the anchors.
+    if (!useHistogram || text.bytes().count() < histogramThreshold) return LiteralMatcher(bytes, !query.caseSensitive);
     const ByteHistogram histogram = LiteralMatcher::byteHistogram(text.bytes());
     return LiteralMatcher(bytes, !query.caseSensitive, &histogram);
 }
