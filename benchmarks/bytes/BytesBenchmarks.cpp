@@ -52,18 +52,24 @@ const std::string& logBlock() {
     static const std::string block = [] {
         std::mt19937 random(20'240'301);
         const char* levels[] = {"INFO ", "DEBUG", "WARN ", "ERROR", "TRACE"};
-        const char* paths[] = {"/api/v1/items", "/api/v1/users/profile", "/health", "/static/app.js",
-                               "/api/v2/orders/search?q=widget&page=3", "/login"};
+        const char* paths[] = {"/api/v1/items",
+                               "/api/v1/users/profile",
+                               "/health",
+                               "/static/app.js",
+                               "/api/v2/orders/search?q=widget&page=3",
+                               "/login"};
         std::string out;
         out.reserve(16'900'000);
         char line[512];
         while (out.size() < 16'777'216) {
             const auto r = static_cast<unsigned>(random());
             const int length = std::snprintf(
-                line, sizeof line, "2024-03-%02uT%02u:%02u:%02u.%03uZ %s [worker-%u] request id=%u path=%s status=%u took=%ums",
-                1 + r % 28, (r >> 3) % 24, (r >> 5) % 60, (r >> 7) % 60, (r >> 9) % 1'000, levels[(r >> 11) % 5],
-                (r >> 13) % 16, static_cast<unsigned>(random() % 1'000'000), paths[(r >> 15) % 6],
-                (r >> 17) % 5 < 3 ? 200u : ((r >> 17) % 5 == 3 ? 404u : 500u), static_cast<unsigned>(random() % 2'000));
+                line, sizeof line,
+                "2024-03-%02uT%02u:%02u:%02u.%03uZ %s [worker-%u] request id=%u path=%s status=%u took=%ums",
+                1 + r % 28, (r >> 3) % 24, (r >> 5) % 60, (r >> 7) % 60, (r >> 9) % 1'000,
+                levels[(r >> 11) % 5], (r >> 13) % 16, static_cast<unsigned>(random() % 1'000'000),
+                paths[(r >> 15) % 6], (r >> 17) % 5 < 3 ? 200u : ((r >> 17) % 5 == 3 ? 404u : 500u),
+                static_cast<unsigned>(random() % 2'000));
             out.append(line, static_cast<std::size_t>(length));
             if (r % 7 == 0) out += " note=" + std::string(random() % 120, 'x');
             out.push_back('\n');
@@ -82,7 +88,8 @@ public:
         std::ofstream out(path_, std::ios::binary | std::ios::trunc);
         const std::string& block = logBlock();
         for (std::int64_t written = 0; written < realBytes;) {
-            const auto take = static_cast<std::size_t>(std::min<std::int64_t>(realBytes - written, static_cast<std::int64_t>(block.size())));
+            const auto take = static_cast<std::size_t>(
+                std::min<std::int64_t>(realBytes - written, static_cast<std::int64_t>(block.size())));
             out.write(block.data(), static_cast<std::streamsize>(take));
             written += static_cast<std::int64_t>(take);
         }
@@ -102,7 +109,7 @@ private:
 };
 
 std::mutex filesLock;
-std::map<std::string, std::unique_ptr<GeneratedFile>> files; // guarded by filesLock
+std::map<std::string, std::unique_ptr<GeneratedFile>> files;  // guarded by filesLock
 
 /// The file of that name, made on first use.
 const std::filesystem::path& generated(const std::string& name, std::int64_t size, std::int64_t realBytes) {
@@ -129,7 +136,8 @@ void runQuietly(const std::vector<std::string>& arguments) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     std::vector<char*> argv;
-    for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const auto& argument : arguments)
+        argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     pid_t child = 0;
     if (posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
@@ -156,7 +164,8 @@ public:
     [[nodiscard]] std::int64_t count() const override { return mapped_.count(); }
     [[nodiscard]] bool prefersBufferedReads() const override { return false; }
     void read(ByteRange range, std::uint8_t* destination) const override { mapped_.read(range, destination); }
-    void withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const override {
+    void withBytes(ByteRange range,
+                   const std::function<void(std::span<const std::uint8_t>)>& body) const override {
         mapped_.withBytes(range, body);
     }
 
@@ -183,7 +192,8 @@ BENCHMARK(BM_IndexLargeFile)->Unit(benchmark::kMillisecond)->UseRealTime()->MinT
 void BM_WcLines(benchmark::State& state) {
     const auto& path = indexFile();
     const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));
-    for (auto _ : state) runQuietly({"wc", "-l", path.string()});
+    for (auto _ : state)
+        runQuietly({"wc", "-l", path.string()});
     state.SetBytesProcessed(state.iterations() * size);
 }
 BENCHMARK(BM_WcLines)->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(2.0);
@@ -208,7 +218,8 @@ BENCHMARK(BM_IndexLargeFileThroughTheMap)->Unit(benchmark::kMillisecond)->UseRea
 /// indexed, the table. Bounded work: the same for 100 MB and 10 GB.
 void BM_OpenPartial(benchmark::State& state) {
     const std::int64_t size = state.range(0);
-    const auto& path = generated("open-" + std::to_string(size), size, std::min<std::int64_t>(size, 104'857'600));
+    const auto& path =
+        generated("open-" + std::to_string(size), size, std::min<std::int64_t>(size, 104'857'600));
     const std::int64_t residentBefore = residentBytes("VmRSS:");
     std::int64_t residentOpen = 0;
     for (auto _ : state) {
@@ -223,7 +234,11 @@ void BM_OpenPartial(benchmark::State& state) {
     state.counters["resident-growth-MB"] = static_cast<double>(residentOpen - residentBefore) / 1e6;
     state.counters["peak-rss-MB"] = static_cast<double>(residentBytes("VmHWM:")) / 1e6;
 }
-BENCHMARK(BM_OpenPartial)->Arg(104'857'600)->Arg(10'737'418'240)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_OpenPartial)
+    ->Arg(104'857'600)
+    ->Arg(10'737'418'240)
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
 
 // --- Random edits ---------------------------------------------------------------------
 
@@ -258,7 +273,8 @@ void BM_RandomEdits(benchmark::State& state) {
             benchmark::DoNotOptimize(table.replace({lo, lo + removed}, std::span(text, inserted)));
         }
         microsecondsPerEdit =
-            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() / static_cast<double>(edits);
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count() /
+            static_cast<double>(edits);
         pieces = table.pieces().size();
         benchmark::DoNotOptimize(table.lineContainingOffset(table.byteCount() / 2));
     }
@@ -277,7 +293,8 @@ void BM_CountNewlinesInCache(benchmark::State& state) {
     const std::string& block = logBlock();
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(block.data());
     const std::int64_t length = state.range(0);
-    for (auto _ : state) benchmark::DoNotOptimize(ByteScan::countNewlines(bytes, length));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ByteScan::countNewlines(bytes, length));
     state.SetBytesProcessed(state.iterations() * length);
 }
 BENCHMARK(BM_CountNewlinesInCache)->Arg(65'536);
@@ -288,7 +305,8 @@ void BM_ScanWithCheckpoints(benchmark::State& state) {
     for (auto _ : state) {
         LineIndex::ChunkScanner scanner(defaultIndexStride);
         for (std::size_t at = 0; at < block.size(); at += 524'288) {
-            scanner.scan(bytes + at, static_cast<std::int64_t>(std::min<std::size_t>(524'288, block.size() - at)));
+            scanner.scan(bytes + at,
+                         static_cast<std::int64_t>(std::min<std::size_t>(524'288, block.size() - at)));
         }
         benchmark::DoNotOptimize(scanner.newlines);
     }
@@ -305,7 +323,8 @@ public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
             if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
-                seconds[run.benchmark_name()] = run.real_accumulated_time / static_cast<double>(run.iterations);
+                seconds[run.benchmark_name()] =
+                    run.real_accumulated_time / static_cast<double>(run.iterations);
             }
         }
         ConsoleReporter::ReportRuns(runs);
@@ -313,8 +332,8 @@ public:
     std::map<std::string, double> seconds;
 };
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
@@ -326,10 +345,11 @@ int main(int argc, char** argv) {
         const auto a = seconds.find(ours);
         const auto b = seconds.find(peer);
         if (a == seconds.end() || b == seconds.end() || a->second <= 0) return;
-        std::printf("ratio: %s is %.2fx as fast as %s (%.3f s against %.3f s)\n", what, b->second / a->second, peer,
-                    a->second, b->second);
+        std::printf("ratio: %s is %.2fx as fast as %s (%.3f s against %.3f s)\n", what, b->second / a->second,
+                    peer, a->second, b->second);
     };
-    ratio("BM_IndexLargeFile/min_time:2.000/real_time", "BM_WcLines/min_time:2.000/real_time", "the full line index");
+    ratio("BM_IndexLargeFile/min_time:2.000/real_time", "BM_WcLines/min_time:2.000/real_time",
+          "the full line index");
     ratio("BM_IndexLargeFileThroughTheMap/min_time:2.000/real_time", "BM_WcLines/min_time:2.000/real_time",
           "the index through the map");
     {

@@ -16,9 +16,11 @@ void AppendBuffer::read(ByteRange range, std::uint8_t* destination) const {
     std::memcpy(destination, bytes_.data() + clamped.lower, static_cast<std::size_t>(clamped.length()));
 }
 
-void AppendBuffer::withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const {
+void AppendBuffer::withBytes(ByteRange range,
+                             const std::function<void(std::span<const std::uint8_t>)>& body) const {
     const ByteRange clamped = range.clampedTo(count());
-    body(std::span<const std::uint8_t>(bytes_.data() + clamped.lower, static_cast<std::size_t>(clamped.length())));
+    body(std::span<const std::uint8_t>(bytes_.data() + clamped.lower,
+                                       static_cast<std::size_t>(clamped.length())));
 }
 
-} // namespace brim
+}  // namespace brim

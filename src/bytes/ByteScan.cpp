@@ -29,7 +29,8 @@ inline std::int64_t bitCount(std::uint64_t word) {
 /// XOR, and only a zero byte keeps its top bit clear after adding 0x7F to its low seven bits.
 inline std::int64_t newlinesInWord(std::uint64_t word) {
     const std::uint64_t x = word ^ 0x0A0A0A0A0A0A0A0AULL;
-    const std::uint64_t high = ~(((x & 0x7F7F7F7F7F7F7F7FULL) + 0x7F7F7F7F7F7F7F7FULL) | x) & 0x8080808080808080ULL;
+    const std::uint64_t high =
+        ~(((x & 0x7F7F7F7F7F7F7F7FULL) + 0x7F7F7F7F7F7F7F7FULL) | x) & 0x8080808080808080ULL;
     return bitCount(high);
 }
 
@@ -41,7 +42,8 @@ inline std::int64_t countTail(const std::uint8_t* bytes, std::int64_t count) {
         std::memcpy(&word, bytes + i, 8);
         total += newlinesInWord(word);
     }
-    for (; i < count; ++i) total += bytes[i] == newline ? 1 : 0;
+    for (; i < count; ++i)
+        total += bytes[i] == newline ? 1 : 0;
     return total;
 }
 
@@ -52,14 +54,15 @@ inline std::uint64_t newlineMask(const std::uint8_t* bytes) {
     const __m128i pattern = _mm_set1_epi8(static_cast<char>(newline));
     const auto lane = [&](int k) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + 16 * k));
-        return static_cast<std::uint64_t>(static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, pattern))));
+        return static_cast<std::uint64_t>(
+            static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, pattern))));
     };
     return lane(0) | (lane(1) << 16) | (lane(2) << 32) | (lane(3) << 48);
 }
 
 #endif
 
-} // namespace
+}  // namespace
 
 std::int64_t countNewlines(const std::uint8_t* bytes, std::int64_t count) {
     if (bytes == nullptr || count <= 0) return 0;
@@ -82,14 +85,16 @@ std::int64_t countNewlines(const std::uint8_t* bytes, std::int64_t count) {
         }
         sums = _mm_add_epi64(sums, _mm_sad_epu8(lanes, zero));
     }
-    const std::int64_t vectorTotal = _mm_cvtsi128_si64(sums) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums));
+    const std::int64_t vectorTotal =
+        _mm_cvtsi128_si64(sums) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums));
     return vectorTotal + countTail(bytes + i, count - i);
 #else
     return countTail(bytes, count);
 #endif
 }
 
-std::int64_t findNewline(const std::uint8_t* bytes, std::int64_t count, std::int64_t n, std::int64_t& passed) {
+std::int64_t findNewline(const std::uint8_t* bytes, std::int64_t count, std::int64_t n,
+                         std::int64_t& passed) {
     passed = 0;
     if (bytes == nullptr || count <= 0 || n < 0) return -1;
     std::int64_t i = 0;
@@ -106,7 +111,8 @@ std::int64_t findNewline(const std::uint8_t* bytes, std::int64_t count, std::int
         std::uint64_t mask = newlineMask(bytes + i);
         const std::int64_t inGroup = bitCount(mask);
         if (passed + inGroup > n) {
-            for (std::int64_t skip = n - passed; skip > 0; --skip) mask &= mask - 1;
+            for (std::int64_t skip = n - passed; skip > 0; --skip)
+                mask &= mask - 1;
             passed = n;
             return i + std::countr_zero(mask);
         }
@@ -127,4 +133,4 @@ std::int64_t firstNewline(const std::uint8_t* bytes, std::int64_t count) {
     return found == nullptr ? -1 : static_cast<const std::uint8_t*>(found) - bytes;
 }
 
-} // namespace brim::ByteScan
+}  // namespace brim::ByteScan

@@ -22,4 +22,4 @@ namespace brim::ByteScan {
 /// The first 0x0A at or after the start, or -1.
 [[nodiscard]] std::int64_t firstNewline(const std::uint8_t* bytes, std::int64_t count);
 
-} // namespace brim::ByteScan
+}  // namespace brim::ByteScan

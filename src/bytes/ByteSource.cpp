@@ -26,4 +26,4 @@ std::uint8_t ByteSource::byte(std::int64_t offset) const {
     return value;
 }
 
-} // namespace brim
+}  // namespace brim

@@ -45,7 +45,8 @@ public:
 
     /// Calls `body` with the bytes of `range` (clamped to `count()`), valid for the call only.
     /// Never faults: bytes past `readableCount()` are seen as zeros.
-    virtual void withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const = 0;
+    virtual void withBytes(ByteRange range,
+                           const std::function<void(std::span<const std::uint8_t>)>& body) const = 0;
 
     /// The bytes of `range`, clamped to `readableCount()`.
     [[nodiscard]] virtual std::vector<std::uint8_t> data(ByteRange range) const;
@@ -54,4 +55,4 @@ public:
     [[nodiscard]] virtual std::uint8_t byte(std::int64_t offset) const;
 };
 
-} // namespace brim
+}  // namespace brim

@@ -23,11 +23,13 @@ constexpr std::size_t outputBlock = 65'536;
 
 std::uint32_t littleEndian32(std::span<const std::uint8_t> bytes, std::size_t at) {
     return static_cast<std::uint32_t>(bytes[at]) | (static_cast<std::uint32_t>(bytes[at + 1]) << 8) |
-           (static_cast<std::uint32_t>(bytes[at + 2]) << 16) | (static_cast<std::uint32_t>(bytes[at + 3]) << 24);
+           (static_cast<std::uint32_t>(bytes[at + 2]) << 16) |
+           (static_cast<std::uint32_t>(bytes[at + 3]) << 24);
 }
 
 void appendLittleEndian32(std::vector<std::uint8_t>& out, std::uint32_t value) {
-    for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<std::uint8_t>(value >> shift));
+    for (int shift = 0; shift < 32; shift += 8)
+        out.push_back(static_cast<std::uint8_t>(value >> shift));
 }
 
 /// A raw inflate stream that ends itself.
@@ -48,17 +50,20 @@ std::string lowercased(std::string text) {
     return text;
 }
 
-} // namespace
+}  // namespace
 
-Failure Failure::notGzip() { return {Kind::notGzip, L("This is not a gzip file.")}; }
+Failure Failure::notGzip() {
+    return {Kind::notGzip, L("This is not a gzip file.")};
+}
 
 Failure Failure::corrupt(const std::string& detail) {
     return {Kind::corrupt, L("The compressed data is damaged: %@", detail)};
 }
 
 Failure Failure::tooLarge(std::int64_t limit) {
-    return {Kind::tooLarge, L("Unpacked it would be more than %@, which is more than Brim will hold in memory at once.",
-                              ByteFormatter::string(limit))};
+    return {Kind::tooLarge,
+            L("Unpacked it would be more than %@, which is more than Brim will hold in memory at once.",
+              ByteFormatter::string(limit))};
 }
 
 bool isGzip(std::span<const std::uint8_t> bytes) {
@@ -133,7 +138,8 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
             }
             if (produced >= ceiling) throw Failure::tooLarge(limit);
             // Room grows with what has come out, but never past one byte over the limit.
-            const std::size_t room = std::min({std::max(outputBlock, produced / 2), ceiling - produced, largestFeed});
+            const std::size_t room =
+                std::min({std::max(outputBlock, produced / 2), ceiling - produced, largestFeed});
             if (out.size() < produced + room) out.resize(produced + room);
             stream.next_out = out.data() + produced;
             stream.avail_out = static_cast<uInt>(room);
@@ -143,7 +149,8 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
             case Z_STREAM_END: ended = true; break;
             case Z_OK: break;
             case Z_BUF_ERROR:
-                if (stream.avail_in == 0 && consumed >= bytes.size()) throw Failure::corrupt(L("it is not as long as it says it is"));
+                if (stream.avail_in == 0 && consumed >= bytes.size())
+                    throw Failure::corrupt(L("it is not as long as it says it is"));
                 break;
             case Z_MEM_ERROR: throw Failure::corrupt(L("the decoder would not start"));
             default: throw Failure::corrupt(L("the deflate stream is not readable"));
@@ -161,8 +168,8 @@ std::vector<std::uint8_t> decompress(std::span<const std::uint8_t> bytes, std::i
             throw Failure::corrupt(L("it is not as long as it says it is"));
         }
         const std::size_t next = trailer + 8;
-        if (next == bytes.size() ||
-            std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(next), bytes.end(), [](std::uint8_t b) { return b == 0; })) {
+        if (next == bytes.size() || std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(next),
+                                                bytes.end(), [](std::uint8_t b) { return b == 0; })) {
             break;
         }
         body = bodyStart(bytes, next);
@@ -183,7 +190,7 @@ std::vector<std::uint8_t> unpackPrefix(std::span<const std::uint8_t> bytes, std:
     std::size_t produced = 0;
     while (produced < out.size()) {
         if (stream.avail_in == 0) {
-            if (consumed >= bytes.size()) break; // cut short: what came out is the sample
+            if (consumed >= bytes.size()) break;  // cut short: what came out is the sample
             const std::size_t feed = std::min(bytes.size() - consumed, largestFeed);
             stream.next_in = const_cast<Bytef*>(bytes.data() + consumed);
             stream.avail_in = static_cast<uInt>(feed);
@@ -216,7 +223,8 @@ struct Encoder::Stream {
 };
 
 Encoder::Encoder(std::optional<std::string> name, int level)
-    : name_(std::move(name)), level_(level < 0 ? 6 : std::min(level, 9)), stream_(std::make_unique<Stream>()) {
+    : name_(std::move(name)), level_(level < 0 ? 6 : std::min(level, 9)),
+      stream_(std::make_unique<Stream>()) {
     if (name_) name_ = name_->substr(0, name_->find('\0'));
     if (deflateInit2(&stream_->stream, level_, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) != Z_OK) {
         throw Failure::corrupt(L("the decoder would not start"));
@@ -229,9 +237,10 @@ Encoder::~Encoder() {
 }
 
 std::vector<std::uint8_t> Encoder::header() const {
-    std::vector<std::uint8_t> out{0x1F, 0x8B, 0x08, static_cast<std::uint8_t>(name_ ? flagName : 0), 0, 0, 0, 0};
+    std::vector<std::uint8_t> out{0x1F, 0x8B, 0x08, static_cast<std::uint8_t>(name_ ? flagName : 0),
+                                  0,    0,    0,    0};
     out.push_back(level_ == 9 ? 2 : (level_ == 1 ? 4 : 0));
-    out.push_back(3); // Unix
+    out.push_back(3);  // Unix
     if (name_) {
         out.insert(out.end(), name_->begin(), name_->end());
         out.push_back(0);
@@ -281,4 +290,4 @@ std::vector<std::uint8_t> Encoder::finish() {
     return out;
 }
 
-} // namespace brim::Gzip
+}  // namespace brim::Gzip

@@ -54,7 +54,8 @@ inline constexpr std::int64_t defaultLimit = 536'870'912;
 
 /// Where the deflate data of the member at `start` begins, past its header and optional
 /// fields; nothing if the header is not valid or runs off the end.
-[[nodiscard]] std::optional<std::size_t> bodyStart(std::span<const std::uint8_t> bytes, std::size_t start = 0);
+[[nodiscard]] std::optional<std::size_t> bodyStart(std::span<const std::uint8_t> bytes,
+                                                   std::size_t start = 0);
 
 /// Unpacks every member, checking each one's checksum and length. Zero bytes after the last
 /// member are padding. Throws `Failure`; a result larger than `limit` is `tooLarge`.
@@ -63,7 +64,8 @@ inline constexpr std::int64_t defaultLimit = 536'870'912;
 
 /// Up to `maxBytes` unpacked bytes from the start of the first member, unchecked, for samples.
 /// Empty if the data can't be read at all; never throws.
-[[nodiscard]] std::vector<std::uint8_t> unpackPrefix(std::span<const std::uint8_t> bytes, std::int64_t maxBytes);
+[[nodiscard]] std::vector<std::uint8_t> unpackPrefix(std::span<const std::uint8_t> bytes,
+                                                     std::int64_t maxBytes);
 
 /// The CRC-32 of gzip, carried on from `previous` across blocks.
 [[nodiscard]] std::uint32_t checksum(std::span<const std::uint8_t> bytes, std::uint32_t previous = 0);
@@ -102,4 +104,4 @@ private:
     bool started_ = false;
 };
 
-} // namespace brim::Gzip
+}  // namespace brim::Gzip

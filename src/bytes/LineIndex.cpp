@@ -20,8 +20,7 @@ constexpr std::int64_t readBlockBytes = 524'288;
 constexpr std::int64_t queryWindowBytes = 262'144;
 
 /// Calls `body(bytes, offset)` with consecutive windows of the range until it returns false.
-template <typename Body>
-void forEachWindow(const ByteSource& source, ByteRange range, Body&& body) {
+template <typename Body> void forEachWindow(const ByteSource& source, ByteRange range, Body&& body) {
     for (std::int64_t at = range.lower; at < range.upper;) {
         const std::int64_t end = std::min(range.upper, at + queryWindowBytes);
         bool goOn = true;
@@ -31,14 +30,15 @@ void forEachWindow(const ByteSource& source, ByteRange range, Body&& body) {
     }
 }
 
-} // namespace
+}  // namespace
 
 void LineIndex::ChunkScanner::scan(const std::uint8_t* bytes, std::int64_t count) {
     std::int64_t i = 0;
     while (i < count) {
         // Skip straight to the newline that is the next checkpoint; blocks before it are only counted.
         std::int64_t passed = 0;
-        const std::int64_t found = ByteScan::findNewline(bytes + i, count - i, nextBoundary - newlines, passed);
+        const std::int64_t found =
+            ByteScan::findNewline(bytes + i, count - i, nextBoundary - newlines, passed);
         newlines += passed;
         if (found < 0) break;
         newlines += 1;
@@ -61,12 +61,8 @@ LineIndex::LineIndex(std::int64_t byteCount, std::int64_t stride)
     : stride_(stride < 1 ? 1 : stride), byteCount_(byteCount < 0 ? 0 : byteCount) {}
 
 LineIndex::LineIndex(const LineIndex& other)
-    : stride_(other.stride_),
-      chunks_(other.chunks_),
-      chunkStartLine_(other.chunkStartLine_),
-      indexedBytes_(other.indexedBytes()),
-      byteCount_(other.byteCount_),
-      densityHint_(other.densityHint_) {}
+    : stride_(other.stride_), chunks_(other.chunks_), chunkStartLine_(other.chunkStartLine_),
+      indexedBytes_(other.indexedBytes()), byteCount_(other.byteCount_), densityHint_(other.densityHint_) {}
 
 LineIndex& LineIndex::operator=(const LineIndex& other) {
     if (this == &other) return *this;
@@ -80,12 +76,9 @@ LineIndex& LineIndex::operator=(const LineIndex& other) {
 }
 
 LineIndex::LineIndex(LineIndex&& other) noexcept
-    : stride_(other.stride_),
-      chunks_(std::move(other.chunks_)),
-      chunkStartLine_(std::move(other.chunkStartLine_)),
-      indexedBytes_(other.indexedBytes()),
-      byteCount_(other.byteCount_),
-      densityHint_(other.densityHint_) {
+    : stride_(other.stride_), chunks_(std::move(other.chunks_)),
+      chunkStartLine_(std::move(other.chunkStartLine_)), indexedBytes_(other.indexedBytes()),
+      byteCount_(other.byteCount_), densityHint_(other.densityHint_) {
     other.chunkStartLine_ = {0};
     other.indexedBytes_.store(0);
 }
@@ -103,8 +96,8 @@ LineIndex& LineIndex::operator=(LineIndex&& other) noexcept {
     return *this;
 }
 
-std::optional<LineIndex> LineIndex::build(const ByteSource& source, std::int64_t stride, const Progress& progress,
-                                          const IsCancelled& isCancelled) {
+std::optional<LineIndex> LineIndex::build(const ByteSource& source, std::int64_t stride,
+                                          const Progress& progress, const IsCancelled& isCancelled) {
     LineIndex index(source.count(), stride);
     auto extension = index.plan(source, index.byteCount(), progress, isCancelled);
     if (!extension) return std::nullopt;
@@ -113,14 +106,16 @@ std::optional<LineIndex> LineIndex::build(const ByteSource& source, std::int64_t
 }
 
 std::optional<LineIndex::Extension> LineIndex::plan(const ByteSource& source, std::int64_t throughByte,
-                                                    const Progress& progress, const IsCancelled& isCancelled) const {
+                                                    const Progress& progress,
+                                                    const IsCancelled& isCancelled) const {
     const std::int64_t from = indexedBytes();
     const std::int64_t target = std::clamp<std::int64_t>(throughByte, 0, byteCount_);
     if (from >= target) return Extension{{}, from, from};
 
     const std::int64_t bytes = target - from;
     const auto processors = static_cast<std::int64_t>(std::max<std::size_t>(activeProcessorCount(), 1));
-    const std::int64_t slices = std::min(std::max<std::int64_t>(bytes / minimumSliceBytes, 1), processors * 4);
+    const std::int64_t slices =
+        std::min(std::max<std::int64_t>(bytes / minimumSliceBytes, 1), processors * 4);
     const std::int64_t sliceSize = (bytes + slices - 1) / slices;
     const bool buffered = source.prefersBufferedReads();
     const std::int64_t stride = stride_;
@@ -155,7 +150,8 @@ std::optional<LineIndex::Extension> LineIndex::plan(const ByteSource& source, st
         } else if (start < end) {
             source.withBytes({start, end}, [&](std::span<const std::uint8_t> all) {
                 for (std::size_t at = 0; at < all.size(); at += static_cast<std::size_t>(readBlockBytes)) {
-                    scanner.scan(all.subspan(at, std::min(all.size() - at, static_cast<std::size_t>(readBlockBytes))));
+                    scanner.scan(
+                        all.subspan(at, std::min(all.size() - at, static_cast<std::size_t>(readBlockBytes))));
                     if (stopping()) return;
                 }
             });
@@ -186,27 +182,30 @@ bool LineIndex::commit(Extension extension) {
     return true;
 }
 
-bool LineIndex::extend(const ByteSource& source, std::int64_t line, std::int64_t step, const Progress& progress,
-                       const IsCancelled& isCancelled) {
+bool LineIndex::extend(const ByteSource& source, std::int64_t line, std::int64_t step,
+                       const Progress& progress, const IsCancelled& isCancelled) {
     while (true) {
         const std::int64_t known = knownNewlines();
         const std::int64_t indexed = indexedBytes();
         if (known >= line || indexed >= byteCount_) return true;
-        const double bytesPerLine = known < 1 ? 64.0 : static_cast<double>(indexed) / static_cast<double>(known);
+        const double bytesPerLine =
+            known < 1 ? 64.0 : static_cast<double>(indexed) / static_cast<double>(known);
         const double wanted = bytesPerLine * static_cast<double>(line - known) * 1.25;
         const auto room = static_cast<double>(byteCount_ - indexed);
-        const std::int64_t jump = std::max(wanted >= room ? byteCount_ - indexed : static_cast<std::int64_t>(wanted),
-                                           std::max<std::int64_t>(step, 1));
-        auto extension = plan(source, std::min(indexed + std::min(jump, byteCount_ - indexed), byteCount_), progress,
-                              isCancelled);
+        const std::int64_t jump =
+            std::max(wanted >= room ? byteCount_ - indexed : static_cast<std::int64_t>(wanted),
+                     std::max<std::int64_t>(step, 1));
+        auto extension = plan(source, std::min(indexed + std::min(jump, byteCount_ - indexed), byteCount_),
+                              progress, isCancelled);
         if (!extension) return false;
         commit(std::move(*extension));
     }
 }
 
 std::size_t LineIndex::chunkIndexForByte(std::int64_t offset) const {
-    const auto after = std::upper_bound(chunks_.begin(), chunks_.end(), offset,
-                                        [](std::int64_t value, const Chunk& chunk) { return value < chunk.startByte; });
+    const auto after =
+        std::upper_bound(chunks_.begin(), chunks_.end(), offset,
+                         [](std::int64_t value, const Chunk& chunk) { return value < chunk.startByte; });
     return after == chunks_.begin() ? 0 : static_cast<std::size_t>(after - chunks_.begin() - 1);
 }
 
@@ -232,8 +231,8 @@ std::int64_t LineIndex::startOffsetOfLine(std::int64_t line, const ByteSource& s
     std::int64_t result = start;
     forEachWindow(source, {start, chunkEnd}, [&](std::span<const std::uint8_t> bytes, std::int64_t at) {
         std::int64_t passed = 0;
-        const std::int64_t found = ByteScan::findNewline(bytes.data(), static_cast<std::int64_t>(bytes.size()),
-                                                         remaining - 1, passed);
+        const std::int64_t found = ByteScan::findNewline(
+            bytes.data(), static_cast<std::int64_t>(bytes.size()), remaining - 1, passed);
         if (found >= 0) {
             result = at + found + 1;
             return false;
@@ -289,9 +288,10 @@ std::int64_t LineIndex::estimatedLineCount() const {
     const std::int64_t indexed = indexedBytes();
     if (indexed >= byteCount_) return known + 1;
     double density = densityHint_;
-    if (indexed >= 1 && density <= 0 && known >= 1) density = static_cast<double>(indexed) / static_cast<double>(known);
+    if (indexed >= 1 && density <= 0 && known >= 1)
+        density = static_cast<double>(indexed) / static_cast<double>(known);
     if (density <= 0) return known + 1;
     return known + static_cast<std::int64_t>(static_cast<double>(byteCount_ - indexed) / density) + 1;
 }
 
-} // namespace brim
+}  // namespace brim

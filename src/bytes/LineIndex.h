@@ -144,9 +144,9 @@ private:
     std::int64_t stride_ = defaultIndexStride;
     std::vector<Chunk> chunks_;
     std::vector<std::int64_t> chunkStartLine_{0};
-    std::atomic<std::int64_t> indexedBytes_{0}; // written by commit, read by plan on any thread
+    std::atomic<std::int64_t> indexedBytes_{0};  // written by commit, read by plan on any thread
     std::int64_t byteCount_ = 0;
     double densityHint_ = 0;
 };
 
-} // namespace brim
+}  // namespace brim

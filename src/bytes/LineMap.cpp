@@ -39,8 +39,7 @@ std::size_t sequenceLength(std::string_view text, std::size_t i) {
 }
 
 /// Calls `step(scalar, units)` for each scalar of UTF-16 text until it returns false.
-template <typename Step>
-void forEachScalar(std::u16string_view text, Step&& step) {
+template <typename Step> void forEachScalar(std::u16string_view text, Step&& step) {
     for (std::size_t i = 0; i < text.size();) {
         char32_t scalar = text[i];
         std::int64_t units = 1;
@@ -54,7 +53,7 @@ void forEachScalar(std::u16string_view text, Step&& step) {
     }
 }
 
-} // namespace
+}  // namespace
 
 std::int64_t utf8Length(char32_t scalar) {
     if (scalar < 0x80) return 1;
@@ -64,7 +63,8 @@ std::int64_t utf8Length(char32_t scalar) {
 }
 
 std::int64_t utf16IndexForUTF8Offset(std::string_view utf8, std::int64_t offset) {
-    const auto limit = static_cast<std::size_t>(std::clamp<std::int64_t>(offset, 0, static_cast<std::int64_t>(utf8.size())));
+    const auto limit =
+        static_cast<std::size_t>(std::clamp<std::int64_t>(offset, 0, static_cast<std::int64_t>(utf8.size())));
     std::int64_t units = 0;
     for (std::size_t i = 0; i < limit;) {
         const std::size_t length = sequenceLength(utf8, i);
@@ -92,7 +92,8 @@ std::int64_t utf16IndexForByteOffset(std::u16string_view text, std::int64_t offs
     return units;
 }
 
-std::int64_t utf16IndexForByteOffset(std::u16string_view text, std::int64_t offset, const EncodedLength& encodedLength) {
+std::int64_t utf16IndexForByteOffset(std::u16string_view text, std::int64_t offset,
+                                     const EncodedLength& encodedLength) {
     if (offset < 1) return 0;
     std::int64_t bytes = 0;
     std::int64_t units = 0;
@@ -118,11 +119,13 @@ std::int64_t utf8OffsetForUTF16Index(std::string_view utf8, std::int64_t index) 
 }
 
 std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index, ByteWidth width) {
-    if (width == ByteWidth::singleByte) return std::clamp<std::int64_t>(index, 0, static_cast<std::int64_t>(text.size()));
+    if (width == ByteWidth::singleByte)
+        return std::clamp<std::int64_t>(index, 0, static_cast<std::int64_t>(text.size()));
     return byteOffsetForUTF16Index(text, index, utf8Length);
 }
 
-std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index, const EncodedLength& encodedLength) {
+std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index,
+                                     const EncodedLength& encodedLength) {
     if (index < 1) return 0;
     std::int64_t bytes = 0;
     std::int64_t units = 0;
@@ -135,4 +138,4 @@ std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t inde
     return bytes;
 }
 
-} // namespace brim::LineMap
+}  // namespace brim::LineMap

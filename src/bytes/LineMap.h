@@ -29,7 +29,8 @@ enum class ByteWidth : std::uint8_t { utf8, singleByte };
 
 /// The UTF-16 index for byte `offset` of the line as stored, for UTF-8 or a single-byte
 /// encoding. Offsets below 1 give 0.
-[[nodiscard]] std::int64_t utf16IndexForByteOffset(std::u16string_view text, std::int64_t offset, ByteWidth width);
+[[nodiscard]] std::int64_t utf16IndexForByteOffset(std::u16string_view text, std::int64_t offset,
+                                                   ByteWidth width);
 
 /// The same for any encoding: walks the scalars, adding each one's encoded length until the
 /// offset is reached.
@@ -41,8 +42,9 @@ enum class ByteWidth : std::uint8_t { utf8, singleByte };
 [[nodiscard]] std::int64_t utf8OffsetForUTF16Index(std::string_view utf8, std::int64_t index);
 
 /// The byte offset in the stored line of UTF-16 index `index` of its decoded text.
-[[nodiscard]] std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index, ByteWidth width);
+[[nodiscard]] std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index,
+                                                   ByteWidth width);
 [[nodiscard]] std::int64_t byteOffsetForUTF16Index(std::u16string_view text, std::int64_t index,
                                                    const EncodedLength& encodedLength);
 
-} // namespace brim::LineMap
+}  // namespace brim::LineMap

@@ -29,14 +29,14 @@ namespace {
 constexpr std::size_t guardSlotCount = 1'024;
 
 struct GuardedRegion {
-    std::atomic<std::uintptr_t> begin{0}; // 0: the slot is free
+    std::atomic<std::uintptr_t> begin{0};  // 0: the slot is free
     std::atomic<std::uintptr_t> end{0};
 };
 
 std::array<GuardedRegion, guardSlotCount> guardedRegions;
-std::mutex guardLock;                     // serialises claiming and freeing slots
-struct sigaction previousBusAction {};    // written once, before the handler is installed
-std::uintptr_t guardPageSize = 4'096;     // likewise
+std::mutex guardLock;                   // serialises claiming and freeing slots
+struct sigaction previousBusAction {};  // written once, before the handler is installed
+std::uintptr_t guardPageSize = 4'096;   // likewise
 std::atomic<std::int64_t> absorbedFaults{0};
 std::once_flag guardInstalled;
 
@@ -46,10 +46,12 @@ void onBusError(int signalNumber, siginfo_t* info, void* context) {
     if (info->si_code > 0) {
         for (auto& region : guardedRegions) {
             const std::uintptr_t begin = region.begin.load(std::memory_order_acquire);
-            if (begin == 0 || address < begin || address >= region.end.load(std::memory_order_acquire)) continue;
+            if (begin == 0 || address < begin || address >= region.end.load(std::memory_order_acquire))
+                continue;
             void* page = reinterpret_cast<void*>(address & ~(guardPageSize - 1));
             const int saved = errno;
-            void* replaced = ::mmap(page, guardPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+            void* replaced =
+                ::mmap(page, guardPageSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
             errno = saved;
             if (replaced != MAP_FAILED) {
                 absorbedFaults.fetch_add(1, std::memory_order_relaxed);
@@ -111,7 +113,7 @@ void releaseRegion(const std::uint8_t* base) {
     }
 }
 
-} // namespace
+}  // namespace
 
 MappedSource::MappedSource(const std::filesystem::path& path) : path_(path) {
     fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -172,11 +174,13 @@ void MappedSource::read(ByteRange range, std::uint8_t* destination) const {
     if (done < length) std::memset(destination + done, 0, static_cast<std::size_t>(length - done));
 }
 
-void MappedSource::withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const {
+void MappedSource::withBytes(ByteRange range,
+                             const std::function<void(std::span<const std::uint8_t>)>& body) const {
     const ByteRange clamped = range.clampedTo(count_);
     const std::int64_t readable = readableCount();
     if (clamped.upper <= readable) {
-        body(std::span<const std::uint8_t>(base_ + clamped.lower, static_cast<std::size_t>(clamped.length())));
+        body(
+            std::span<const std::uint8_t>(base_ + clamped.lower, static_cast<std::size_t>(clamped.length())));
         return;
     }
     std::vector<std::uint8_t> copy(static_cast<std::size_t>(clamped.length()), 0);
@@ -201,6 +205,8 @@ void MappedSource::adviseSequential(bool sequential) const {
     ::posix_fadvise(fd_, 0, 0, sequential ? POSIX_FADV_SEQUENTIAL : POSIX_FADV_NORMAL);
 }
 
-std::int64_t MappedSource::absorbedFaultCount() { return absorbedFaults.load(std::memory_order_relaxed); }
+std::int64_t MappedSource::absorbedFaultCount() {
+    return absorbedFaults.load(std::memory_order_relaxed);
+}
 
-} // namespace brim
+}  // namespace brim

@@ -32,7 +32,8 @@ public:
 
     /// A pointer straight into the map when the whole range is readable; otherwise a zero-filled
     /// copy of the range with the readable head read in.
-    void withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const override;
+    void withBytes(ByteRange range,
+                   const std::function<void(std::span<const std::uint8_t>)>& body) const override;
 
     /// Looks at the file's size again: if it is now shorter than `count()`, the readable size
     /// drops to it (never below 0). Returns the readable size; a failing `fstat` changes nothing.
@@ -59,7 +60,7 @@ private:
     std::filesystem::path path_;
     int fd_ = -1;
     mutable std::mutex lock_;
-    std::optional<std::int64_t> truncatedTo_; // guarded by lock_
+    std::optional<std::int64_t> truncatedTo_;  // guarded by lock_
 };
 
-} // namespace brim
+}  // namespace brim

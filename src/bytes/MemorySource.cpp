@@ -35,7 +35,7 @@ std::int64_t readUpTo(int fd, std::uint8_t* destination, std::int64_t size) {
     return done;
 }
 
-} // namespace
+}  // namespace
 
 std::vector<std::uint8_t> MemorySource::bytesOfFile(const std::filesystem::path& path) {
     Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
@@ -51,7 +51,8 @@ std::vector<std::uint8_t> MemorySource::bytesOfFile(const std::filesystem::path&
             // their end; a truly empty file costs one read that returns nothing.
             std::vector<std::uint8_t> block(65'536);
             while (true) {
-                const std::int64_t got = readUpTo(file.fd, block.data(), static_cast<std::int64_t>(block.size()));
+                const std::int64_t got =
+                    readUpTo(file.fd, block.data(), static_cast<std::int64_t>(block.size()));
                 bytes.insert(bytes.end(), block.begin(), block.begin() + got);
                 if (got < static_cast<std::int64_t>(block.size())) break;
             }
@@ -71,9 +72,11 @@ void MemorySource::read(ByteRange range, std::uint8_t* destination) const {
     std::memcpy(destination, bytes_.data() + clamped.lower, static_cast<std::size_t>(clamped.length()));
 }
 
-void MemorySource::withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const {
+void MemorySource::withBytes(ByteRange range,
+                             const std::function<void(std::span<const std::uint8_t>)>& body) const {
     const ByteRange clamped = range.clampedTo(count());
-    body(std::span<const std::uint8_t>(bytes_.data() + clamped.lower, static_cast<std::size_t>(clamped.length())));
+    body(std::span<const std::uint8_t>(bytes_.data() + clamped.lower,
+                                       static_cast<std::size_t>(clamped.length())));
 }
 
-} // namespace brim
+}  // namespace brim

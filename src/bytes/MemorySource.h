@@ -23,10 +23,11 @@ public:
 
     [[nodiscard]] std::int64_t count() const override { return static_cast<std::int64_t>(bytes_.size()); }
     void read(ByteRange range, std::uint8_t* destination) const override;
-    void withBytes(ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) const override;
+    void withBytes(ByteRange range,
+                   const std::function<void(std::span<const std::uint8_t>)>& body) const override;
 
 private:
     std::vector<std::uint8_t> bytes_;
 };
 
-} // namespace brim
+}  // namespace brim

@@ -55,13 +55,14 @@ std::int64_t countNewlinesIn(const ByteSource& source, ByteRange range) {
     std::int64_t count = 0;
     for (std::int64_t at = range.lower; at < range.upper;) {
         const std::int64_t end = std::min(range.upper, at + windowBytes);
-        source.withBytes({at, end}, [&](std::span<const std::uint8_t> bytes) { count += ByteScan::countNewlines(bytes); });
+        source.withBytes(
+            {at, end}, [&](std::span<const std::uint8_t> bytes) { count += ByteScan::countNewlines(bytes); });
         at = end;
     }
     return count;
 }
 
-} // namespace
+}  // namespace
 
 namespace {
 
@@ -69,10 +70,11 @@ namespace {
 /// fit in this many together are joined.
 constexpr std::size_t blockPieces = 256;
 
-} // namespace
+}  // namespace
 
 PieceTable::PieceTable(std::shared_ptr<const ByteSource> original, LineIndex index)
-    : original_(original ? std::move(original) : std::make_shared<MemorySource>()), originalIndex_(std::move(index)) {
+    : original_(original ? std::move(original) : std::make_shared<MemorySource>()),
+      originalIndex_(std::move(index)) {
     assert(originalIndex_.byteCount() == original_->count() && "the index must be of the original");
     const std::int64_t count = original_->count();
     if (count >= 1) {
@@ -82,7 +84,9 @@ PieceTable::PieceTable(std::shared_ptr<const ByteSource> original, LineIndex ind
     rebuildBlockPrefixes();
 }
 
-PieceTable::PieceList PieceTable::pieces() const { return PieceList(this); }
+PieceTable::PieceList PieceTable::pieces() const {
+    return PieceList(this);
+}
 
 void PieceTable::materialize() {
     if (!isPristine_) return;
@@ -109,7 +113,9 @@ void PieceTable::rebuildBlockPrefixes() {
     }
 }
 
-std::int64_t PieceTable::byteCount() const { return blockBytes_.back(); }
+std::int64_t PieceTable::byteCount() const {
+    return blockBytes_.back();
+}
 
 std::int64_t PieceTable::newlineCount() const {
     return isPristine_ ? originalIndex_.knownNewlines() : blockLines_.back();
@@ -119,7 +125,9 @@ const ByteSource& PieceTable::sourceOf(const Piece& piece) const {
     return piece.fromOriginal ? *original_ : static_cast<const ByteSource&>(added_);
 }
 
-PieceTable::Place PieceTable::endPlace() const { return {blocks_.size(), 0, blockBytes_.back(), blockLines_.back()}; }
+PieceTable::Place PieceTable::endPlace() const {
+    return {blocks_.size(), 0, blockBytes_.back(), blockLines_.back()};
+}
 
 PieceTable::Place PieceTable::placeForByte(std::int64_t offset) const {
     if (offset >= blockBytes_.back()) return endPlace();
@@ -196,7 +204,8 @@ std::int64_t PieceTable::newlinesBefore(const Piece& piece, std::int64_t relativ
 
 std::int64_t PieceTable::newlineOffsetInPiece(const Piece& piece, std::int64_t k) const {
     if (!piece.fromOriginal || piece.length <= directScanLimit) {
-        const NewlineSearch search = findNewlineIn(sourceOf(piece), {piece.offset, piece.offset + piece.length}, k);
+        const NewlineSearch search =
+            findNewlineIn(sourceOf(piece), {piece.offset, piece.offset + piece.length}, k);
         return search.found >= 0 ? search.found : piece.length - 1;
     }
     const std::int64_t before = originalIndex_.newlineCountBefore(piece.offset, *original_);
@@ -255,13 +264,15 @@ std::optional<std::int64_t> PieceTable::nextNewline(std::int64_t offset) const {
     const Piece& piece = pieceAt(place);
     const std::int64_t relative = std::max<std::int64_t>(from - place.start, 0);
     // There is a newline after `relative` in this piece, so the scan stops within a line.
-    const NewlineSearch search = findNewlineIn(sourceOf(piece), {piece.offset + relative, piece.offset + piece.length}, 0);
+    const NewlineSearch search =
+        findNewlineIn(sourceOf(piece), {piece.offset + relative, piece.offset + piece.length}, 0);
     if (search.found >= 0) return place.start + relative + search.found;
     return std::nullopt;
 }
 
 void PieceTable::copyInto(ByteRange range, std::uint8_t* destination) const {
-    for (Place place = placeForByte(range.lower); !isEnd(place) && place.start < range.upper; advance(place)) {
+    for (Place place = placeForByte(range.lower); !isEnd(place) && place.start < range.upper;
+         advance(place)) {
         const Piece& piece = pieceAt(place);
         const std::int64_t from = std::max(range.lower, place.start);
         const std::int64_t to = std::min(range.upper, place.start + piece.length);
@@ -355,7 +366,7 @@ void PieceTable::splice(std::size_t begin, std::size_t end, std::vector<Piece> r
 void PieceTable::rebalance(std::size_t firstBlock, std::size_t lastBlock) {
     // Only the blocks from `firstBlock` through `lastBlock` changed: their totals are summed
     // again, an empty one goes, a large one is cut, and small neighbours are joined.
-    std::size_t limit = std::min(lastBlock + 1, blocks_.size()); // one past the last to look at
+    std::size_t limit = std::min(lastBlock + 1, blocks_.size());  // one past the last to look at
     for (std::size_t b = firstBlock; b < limit;) {
         Block& block = blocks_[b];
         if (block.pieces.empty()) {
@@ -375,12 +386,14 @@ void PieceTable::rebalance(std::size_t firstBlock, std::size_t lastBlock) {
             for (std::size_t from = 0; from < block.pieces.size(); from += blockPieces) {
                 const auto to = std::min(block.pieces.size(), from + blockPieces);
                 cut.push_back(Block{{block.pieces.begin() + static_cast<std::ptrdiff_t>(from),
-                                     block.pieces.begin() + static_cast<std::ptrdiff_t>(to)}, 0, 0});
+                                     block.pieces.begin() + static_cast<std::ptrdiff_t>(to)},
+                                    0,
+                                    0});
             }
             limit += cut.size() - 1;
             blocks_.erase(blocks_.begin() + static_cast<std::ptrdiff_t>(b));
-            blocks_.insert(blocks_.begin() + static_cast<std::ptrdiff_t>(b), std::make_move_iterator(cut.begin()),
-                           std::make_move_iterator(cut.end()));
+            blocks_.insert(blocks_.begin() + static_cast<std::ptrdiff_t>(b),
+                           std::make_move_iterator(cut.begin()), std::make_move_iterator(cut.end()));
         }
         Block& settled = blocks_[b];
         settled.bytes = 0;
@@ -414,7 +427,8 @@ void PieceTable::compactIfNeeded(std::size_t editedBegin, std::size_t editedEnd)
         if (piece.length == 0) continue;
         if (!merged.empty()) {
             Piece& previous = merged.back();
-            if (previous.fromOriginal == piece.fromOriginal && previous.offset + previous.length == piece.offset &&
+            if (previous.fromOriginal == piece.fromOriginal &&
+                previous.offset + previous.length == piece.offset &&
                 (piece.fromOriginal || previous.length + piece.length <= maximumAddedPieceLength)) {
                 previous.length += piece.length;
                 previous.newlines += piece.newlines;
@@ -456,7 +470,7 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
     // left of the first before `lo`, the inserted pieces, and what is left of the last after `hi`.
     const Place first = placeForByte(lo);
     std::vector<Piece> replacement;
-    std::optional<std::int64_t> newlinesBeforeLo; // within the piece that holds `lo`
+    std::optional<std::int64_t> newlinesBeforeLo;  // within the piece that holds `lo`
     if (!isEnd(first) && lo > first.start) {
         const Piece& piece = pieceAt(first);
         const std::int64_t length = lo - first.start;
@@ -467,8 +481,8 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
         const std::int64_t start = added_.append(inserted);
         for (std::int64_t at = 0; at < insertedLength; at += maximumAddedPieceLength) {
             const std::int64_t length = std::min(maximumAddedPieceLength, insertedLength - at);
-            replacement.push_back(Piece{false, start + at, length,
-                                        ByteScan::countNewlines(inserted.data() + at, length)});
+            replacement.push_back(
+                Piece{false, start + at, length, ByteScan::countNewlines(inserted.data() + at, length)});
         }
     }
     // `hi` lies in piece `last`, or at the end; a piece that `hi` cuts keeps its tail.
@@ -493,4 +507,4 @@ std::vector<std::uint8_t> PieceTable::replace(ByteRange range, std::span<const s
     return removed;
 }
 
-} // namespace brim
+}  // namespace brim

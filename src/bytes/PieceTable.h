@@ -26,9 +26,9 @@ public:
     /// One span of bytes from one of the two stores.
     struct Piece {
         bool fromOriginal = false;
-        std::int64_t offset = 0;   ///< in the store `fromOriginal` names
+        std::int64_t offset = 0;  ///< in the store `fromOriginal` names
         std::int64_t length = 0;
-        std::int64_t newlines = 0; ///< 0x0A bytes in the span
+        std::int64_t newlines = 0;  ///< 0x0A bytes in the span
         friend bool operator==(const Piece&, const Piece&) = default;
     };
 
@@ -105,13 +105,17 @@ private:
     };
 
     [[nodiscard]] std::size_t pieceCount() const { return blockPieces_.back(); }
-    [[nodiscard]] const Piece& pieceAt(const Place& place) const { return blocks_[place.block].pieces[place.slot]; }
+    [[nodiscard]] const Piece& pieceAt(const Place& place) const {
+        return blocks_[place.block].pieces[place.slot];
+    }
     [[nodiscard]] bool isEnd(const Place& place) const { return place.block >= blocks_.size(); }
     [[nodiscard]] Place endPlace() const;
     [[nodiscard]] Place placeForByte(std::int64_t offset) const;
     [[nodiscard]] Place placeForNewline(std::int64_t number) const;
     [[nodiscard]] Place placeOfIndex(std::size_t index) const;
-    [[nodiscard]] std::size_t indexOf(const Place& place) const { return blockPieces_[place.block] + place.slot; }
+    [[nodiscard]] std::size_t indexOf(const Place& place) const {
+        return blockPieces_[place.block] + place.slot;
+    }
     void advance(Place& place) const;
 
     [[nodiscard]] const ByteSource& sourceOf(const Piece& piece) const;
@@ -127,7 +131,7 @@ private:
     std::shared_ptr<const ByteSource> original_;
     LineIndex originalIndex_;
     AppendBuffer added_;
-    std::vector<Block> blocks_; // never an empty block
+    std::vector<Block> blocks_;  // never an empty block
     // Bytes, newlines and pieces before each block; one more entry than blocks, the last the totals.
     std::vector<std::int64_t> blockBytes_{0};
     std::vector<std::int64_t> blockLines_{0};
@@ -145,7 +149,8 @@ public:
             using value_type = Piece;
             using difference_type = std::ptrdiff_t;
             Iterator() = default;
-            Iterator(const PieceTable* table, std::size_t block, std::size_t slot) : table_(table), block_(block), slot_(slot) {}
+            Iterator(const PieceTable* table, std::size_t block, std::size_t slot)
+                : table_(table), block_(block), slot_(slot) {}
             const Piece& operator*() const { return table_->blocks_[block_].pieces[slot_]; }
             const Piece* operator->() const { return &**this; }
             Iterator& operator++() {
@@ -160,7 +165,9 @@ public:
                 ++*this;
                 return before;
             }
-            friend bool operator==(const Iterator& a, const Iterator& b) { return a.block_ == b.block_ && a.slot_ == b.slot_; }
+            friend bool operator==(const Iterator& a, const Iterator& b) {
+                return a.block_ == b.block_ && a.slot_ == b.slot_;
+            }
 
         private:
             const PieceTable* table_ = nullptr;
@@ -171,7 +178,9 @@ public:
         explicit PieceList(const PieceTable* table) : table_(table) {}
         [[nodiscard]] std::size_t size() const { return table_->pieceCount(); }
         [[nodiscard]] bool empty() const { return size() == 0; }
-        [[nodiscard]] const Piece& operator[](std::size_t index) const { return table_->pieceAt(table_->placeOfIndex(index)); }
+        [[nodiscard]] const Piece& operator[](std::size_t index) const {
+            return table_->pieceAt(table_->placeOfIndex(index));
+        }
         [[nodiscard]] const Piece& front() const { return table_->blocks_.front().pieces.front(); }
         [[nodiscard]] const Piece& back() const { return table_->blocks_.back().pieces.back(); }
         [[nodiscard]] Iterator begin() const { return {table_, 0, 0}; }
@@ -182,4 +191,4 @@ public:
     };
 };
 
-} // namespace brim
+}  // namespace brim

@@ -29,10 +29,12 @@ std::map<std::string, std::string> figures(const std::string& out) {
 TEST(BenchmarkCommand, printsOneFigurePerLine) {
     testing::TemporaryFolder folder;
     std::string text;
-    for (int i = 0; i < 60'000; ++i) text += "entry " + std::to_string(i) + " of a log that is read\n";
-    ASSERT_GT(text.size(), 1'048'576u); // mapped, like a large document
+    for (int i = 0; i < 60'000; ++i)
+        text += "entry " + std::to_string(i) + " of a log that is read\n";
+    ASSERT_GT(text.size(), 1'048'576u);  // mapped, like a large document
     for (const auto& [name, contents, lines] :
-         {std::tuple{"large.log", text, std::string("60001")}, std::tuple{"small.txt", std::string("a\nb"), std::string("2")},
+         {std::tuple{"large.log", text, std::string("60001")},
+          std::tuple{"small.txt", std::string("a\nb"), std::string("2")},
           std::tuple{"empty.txt", std::string(), std::string("1")}}) {
         SCOPED_TRACE(name);
         const auto result = testing::runBrim({"--benchmark", folder.write(name, contents).string()});
@@ -59,5 +61,5 @@ TEST(BenchmarkCommand, aMissingFileIsNoAnswer) {
     EXPECT_EQ(testing::runBrim({"--benchmark", folder.path().string()}).status, 1);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

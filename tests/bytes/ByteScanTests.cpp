@@ -22,9 +22,12 @@ std::vector<std::uint8_t> randomBytes(std::size_t size, int spacing, unsigned se
     const std::uint8_t tricky[] = {0x0B, 0x8A, 0x09, 0x0A ^ 0x80, 0x00, 0xFF};
     for (auto& byte : bytes) {
         const auto roll = random() % static_cast<unsigned>(spacing);
-        if (roll == 0) byte = 0x0A;
-        else if (roll == 1) byte = tricky[random() % std::size(tricky)];
-        else byte = static_cast<std::uint8_t>('a' + random() % 26);
+        if (roll == 0)
+            byte = 0x0A;
+        else if (roll == 1)
+            byte = tricky[random() % std::size(tricky)];
+        else
+            byte = static_cast<std::uint8_t>('a' + random() % 26);
     }
     return bytes;
 }
@@ -33,8 +36,10 @@ TEST(ByteScan, countsNewlinesAtEveryAlignmentAndLength) {
     for (int spacing : {1, 2, 3, 16, 200}) {
         const auto bytes = randomBytes(5'000, spacing, static_cast<unsigned>(spacing));
         for (std::size_t start = 0; start < 70; ++start) {
-            for (std::size_t length : {0ul, 1ul, 7ul, 8ul, 15ul, 63ul, 64ul, 65ul, 128ul, 4'031ul, 4'032ul, 4'033ul, 4'900ul}) {
-                SCOPED_TRACE(::testing::Message() << "spacing " << spacing << " start " << start << " length " << length);
+            for (std::size_t length :
+                 {0ul, 1ul, 7ul, 8ul, 15ul, 63ul, 64ul, 65ul, 128ul, 4'031ul, 4'032ul, 4'033ul, 4'900ul}) {
+                SCOPED_TRACE(::testing::Message()
+                             << "spacing " << spacing << " start " << start << " length " << length);
                 ASSERT_EQ(ByteScan::countNewlines(bytes.data() + start, static_cast<std::int64_t>(length)),
                           naiveCount(bytes, start, length));
             }
@@ -56,10 +61,12 @@ TEST(ByteScan, findsTheNthNewlineOrCountsThemAll) {
         const auto total = static_cast<std::int64_t>(positions.size());
         std::mt19937 random(7);
         for (int trial = 0; trial < 300; ++trial) {
-            const std::int64_t n = total == 0 ? 0 : static_cast<std::int64_t>(random() % static_cast<unsigned>(total + 2));
+            const std::int64_t n =
+                total == 0 ? 0 : static_cast<std::int64_t>(random() % static_cast<unsigned>(total + 2));
             SCOPED_TRACE(::testing::Message() << "spacing " << spacing << " n " << n);
             std::int64_t passed = -1;
-            const std::int64_t found = ByteScan::findNewline(bytes.data(), static_cast<std::int64_t>(bytes.size()), n, passed);
+            const std::int64_t found =
+                ByteScan::findNewline(bytes.data(), static_cast<std::int64_t>(bytes.size()), n, passed);
             if (n < total) {
                 ASSERT_EQ(found, positions[static_cast<std::size_t>(n)]);
                 ASSERT_EQ(passed, n);
@@ -75,5 +82,5 @@ TEST(ByteScan, findsTheNthNewlineOrCountsThemAll) {
     EXPECT_EQ(ByteScan::firstNewline(text.data(), 2), -1);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -25,7 +25,9 @@ std::vector<std::uint8_t> gzipOf(std::string_view text, int level = 6, std::opti
     return out;
 }
 
-std::string text(const std::vector<std::uint8_t>& data) { return {data.begin(), data.end()}; }
+std::string text(const std::vector<std::uint8_t>& data) {
+    return {data.begin(), data.end()};
+}
 
 /// The failure a decompression throws: its kind and its text.
 std::pair<Gzip::Failure::Kind, std::string> failureOf(const std::vector<std::uint8_t>& data,
@@ -38,12 +40,15 @@ std::pair<Gzip::Failure::Kind, std::string> failureOf(const std::vector<std::uin
     return {Gzip::Failure::Kind::corrupt, "(nothing thrown)"};
 }
 
-std::string damaged(const char* detail) { return std::string("The compressed data is damaged: ") + detail; }
+std::string damaged(const char* detail) {
+    return std::string("The compressed data is damaged: ") + detail;
+}
 
 std::string sampleText(std::size_t size, unsigned seed) {
     std::mt19937 random(seed);
     std::string out;
-    while (out.size() < size) out += "line " + std::to_string(random() % 1'000) + " of the sample\n";
+    while (out.size() < size)
+        out += "line " + std::to_string(random() % 1'000) + " of the sample\n";
     return out;
 }
 
@@ -52,7 +57,8 @@ TEST(Gzip, checksumIsTheUsualCRC32AndCarriesAcrossBlocks) {
     EXPECT_EQ(Gzip::checksum({}), 0u);
     const std::string whole = sampleText(100'000, 1);
     std::uint32_t carried = 0;
-    for (std::size_t at = 0; at < whole.size(); at += 7'777) carried = Gzip::checksum(bytes(whole.substr(at, 7'777)), carried);
+    for (std::size_t at = 0; at < whole.size(); at += 7'777)
+        carried = Gzip::checksum(bytes(whole.substr(at, 7'777)), carried);
     EXPECT_EQ(carried, Gzip::checksum(bytes(whole)));
 }
 
@@ -89,7 +95,8 @@ TEST(Gzip, everyDamageHasItsOwnWords) {
     using Kind = Gzip::Failure::Kind;
     const auto good = gzipOf(sampleText(20'000, 3));
 
-    EXPECT_EQ(failureOf(bytes("plain text, not packed")), std::make_pair(Kind::notGzip, std::string("This is not a gzip file.")));
+    EXPECT_EQ(failureOf(bytes("plain text, not packed")),
+              std::make_pair(Kind::notGzip, std::string("This is not a gzip file.")));
     EXPECT_EQ(failureOf(bytes("\x1F\x8B")).first, Kind::notGzip);
 
     auto badChecksum = good;
@@ -98,35 +105,43 @@ TEST(Gzip, everyDamageHasItsOwnWords) {
 
     auto badLength = good;
     badLength[badLength.size() - 2] ^= 0x01;
-    EXPECT_EQ(failureOf(badLength), std::make_pair(Kind::corrupt, damaged("it is not as long as it says it is")));
+    EXPECT_EQ(failureOf(badLength),
+              std::make_pair(Kind::corrupt, damaged("it is not as long as it says it is")));
 
     for (const std::size_t cut : {good.size() / 2, good.size() - 5, good.size() - 8, std::size_t{10}}) {
         SCOPED_TRACE(cut);
-        const std::vector<std::uint8_t> shortened(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(cut));
-        EXPECT_EQ(failureOf(shortened), std::make_pair(Kind::corrupt, damaged("it is not as long as it says it is")));
+        const std::vector<std::uint8_t> shortened(good.begin(),
+                                                  good.begin() + static_cast<std::ptrdiff_t>(cut));
+        EXPECT_EQ(failureOf(shortened),
+                  std::make_pair(Kind::corrupt, damaged("it is not as long as it says it is")));
     }
 
     auto garbage = good;
-    for (const char c : std::string("trailing words")) garbage.push_back(static_cast<std::uint8_t>(c));
-    EXPECT_EQ(failureOf(garbage), std::make_pair(Kind::corrupt, damaged("there is something after the end that is not gzip")));
+    for (const char c : std::string("trailing words"))
+        garbage.push_back(static_cast<std::uint8_t>(c));
+    EXPECT_EQ(failureOf(garbage),
+              std::make_pair(Kind::corrupt, damaged("there is something after the end that is not gzip")));
 
     // A block type that deflate does not have (0b11) right after the header.
     auto unreadable = gzipOf("x");
     unreadable[10] = 0x07;
-    EXPECT_EQ(failureOf(unreadable), std::make_pair(Kind::corrupt, damaged("the deflate stream is not readable")));
+    EXPECT_EQ(failureOf(unreadable),
+              std::make_pair(Kind::corrupt, damaged("the deflate stream is not readable")));
 
     const std::string big(5'000, 'z');
     EXPECT_EQ(failureOf(gzipOf(big), 1'000),
-              std::make_pair(Kind::tooLarge,
-                             std::string("Unpacked it would be more than 1 KB, which is more than Brim will hold in memory at once.")));
+              std::make_pair(Kind::tooLarge, std::string("Unpacked it would be more than 1 KB, which is more "
+                                                         "than Brim will hold in memory at once.")));
     EXPECT_EQ(Gzip::decompress(gzipOf(big), 5'000).size(), 5'000u);
     EXPECT_EQ(failureOf(gzipOf(big), 4'999).first, Kind::tooLarge);
 }
 
 TEST(Gzip, headersWithOptionalFields) {
     // FEXTRA with 3 bytes, FNAME, FCOMMENT, FHCRC: 10 + 2 + 3 + 4 + 3 + 2.
-    std::vector<std::uint8_t> header{0x1F, 0x8B, 0x08, 0x02 | 0x04 | 0x08 | 0x10, 0, 0, 0, 0, 0, 3, 3, 0, 'x', 'y', 'z'};
-    for (const char c : std::string("a.b")) header.push_back(static_cast<std::uint8_t>(c));
+    std::vector<std::uint8_t> header{0x1F, 0x8B, 0x08, 0x02 | 0x04 | 0x08 | 0x10, 0, 0, 0, 0, 0, 3, 3, 0,
+                                     'x',  'y',  'z'};
+    for (const char c : std::string("a.b"))
+        header.push_back(static_cast<std::uint8_t>(c));
     header.push_back(0);
     header.insert(header.end(), {'h', 'i', 0, 0xAB, 0xCD});
     EXPECT_EQ(Gzip::bodyStart(header), header.size());
@@ -144,11 +159,16 @@ TEST(Gzip, headersWithOptionalFields) {
 }
 
 TEST(Gzip, namesAndMagic) {
-    const std::pair<const char*, const char*> names[] = {
-        {"dump.sql.gz", "dump.sql"}, {"nginx.conf.GZ", "nginx.conf"}, {"x.tar.gz", "x.tar.gz"},
-        {"X.TAR.GZ", "X.TAR.GZ"},    {".gz", ".gz"},                  {"a.gz", "a"},
-        {"notes.txt", "notes.txt"},  {"gz", "gz"}};
-    for (const auto& [name, expected] : names) EXPECT_EQ(Gzip::uncompressedName(name), expected) << name;
+    const std::pair<const char*, const char*> names[] = {{"dump.sql.gz", "dump.sql"},
+                                                         {"nginx.conf.GZ", "nginx.conf"},
+                                                         {"x.tar.gz", "x.tar.gz"},
+                                                         {"X.TAR.GZ", "X.TAR.GZ"},
+                                                         {".gz", ".gz"},
+                                                         {"a.gz", "a"},
+                                                         {"notes.txt", "notes.txt"},
+                                                         {"gz", "gz"}};
+    for (const auto& [name, expected] : names)
+        EXPECT_EQ(Gzip::uncompressedName(name), expected) << name;
 
     testing::TemporaryFolder folder;
     EXPECT_TRUE(Gzip::looksCompressed(folder.write("no-suffix", gzipOf("inside"))));
@@ -163,7 +183,8 @@ TEST(Gzip, aPrefixIsUnpackedWithoutChecks) {
     EXPECT_EQ(text(Gzip::unpackPrefix(packed, 4'096)), large.substr(0, 4'096));
     EXPECT_EQ(text(Gzip::unpackPrefix(packed, 10'000'000)), large);
     // Cut short, what is there is still a sample.
-    const std::vector<std::uint8_t> cut(packed.begin(), packed.begin() + static_cast<std::ptrdiff_t>(packed.size() / 2));
+    const std::vector<std::uint8_t> cut(packed.begin(),
+                                        packed.begin() + static_cast<std::ptrdiff_t>(packed.size() / 2));
     const auto partial = Gzip::unpackPrefix(cut, 10'000'000);
     EXPECT_GT(partial.size(), 0u);
     EXPECT_EQ(text(partial), large.substr(0, partial.size()));
@@ -201,5 +222,5 @@ TEST(Gzip, agreesWithTheSystemTool) {
     EXPECT_EQ(text(Gzip::decompress(bytes(a.out + b.out))), "alpha\nbeta\n");
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -33,16 +33,20 @@ std::string randomLines(std::size_t size, unsigned seed) {
     while (text.size() < size) {
         const auto roll = random() % 100;
         const std::size_t length = roll < 10 ? 0 : (roll < 95 ? random() % 120 : random() % 3'000);
-        for (std::size_t i = 0; i < length; ++i) text.push_back(static_cast<char>('a' + random() % 26));
+        for (std::size_t i = 0; i < length; ++i)
+            text.push_back(static_cast<char>('a' + random() % 26));
         text.push_back('\n');
     }
     return text;
 }
 
-MemorySource sourceOf(const std::string& text) { return MemorySource(testing::bytes(text)); }
+MemorySource sourceOf(const std::string& text) {
+    return MemorySource(testing::bytes(text));
+}
 
 /// Every answer of the index against the plain line starts.
-void expectAgrees(const LineIndex& index, const ByteSource& source, const std::string& text, std::int64_t everyNth = 1) {
+void expectAgrees(const LineIndex& index, const ByteSource& source, const std::string& text,
+                  std::int64_t everyNth = 1) {
     const auto starts = lineStarts(text);
     const auto lines = static_cast<std::int64_t>(starts.size());
     ASSERT_EQ(index.knownNewlines(), lines - 1);
@@ -118,7 +122,8 @@ TEST(LineIndex, aParallelBuildEqualsASerialOne) {
 
     std::mutex progressLock;
     std::vector<double> fractions;
-    for (const ByteSource* source : {static_cast<const ByteSource*>(&mapped), static_cast<const ByteSource*>(&memory)}) {
+    for (const ByteSource* source :
+         {static_cast<const ByteSource*>(&mapped), static_cast<const ByteSource*>(&memory)}) {
         SCOPED_TRACE(source->prefersBufferedReads() ? "buffered" : "direct");
         fractions.clear();
         const auto index = LineIndex::build(*source, 512, [&](double fraction) {
@@ -133,8 +138,10 @@ TEST(LineIndex, aParallelBuildEqualsASerialOne) {
         // The checkpoints of all slices together are as many as one serial scan has, give or
         // take one per slice boundary.
         std::size_t checkpoints = 0;
-        for (const auto& chunk : index->chunks()) checkpoints += chunk.checkpoints.size();
-        EXPECT_NEAR(static_cast<double>(checkpoints), static_cast<double>(expected.chunks().front().checkpoints.size()),
+        for (const auto& chunk : index->chunks())
+            checkpoints += chunk.checkpoints.size();
+        EXPECT_NEAR(static_cast<double>(checkpoints),
+                    static_cast<double>(expected.chunks().front().checkpoints.size()),
                     static_cast<double>(index->chunks().size()));
         ASSERT_FALSE(fractions.empty());
         EXPECT_DOUBLE_EQ(*std::max_element(fractions.begin(), fractions.end()), 1.0);
@@ -273,5 +280,5 @@ TEST(LineIndex, aBuilderFedInBlocksEqualsABuild) {
     EXPECT_EQ(built.chunks().front().checkpoints, whole->chunks().front().checkpoints);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

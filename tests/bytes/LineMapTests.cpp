@@ -25,7 +25,8 @@ std::u16string utf16Of(std::string_view utf8) {
             length = 2;
             scalar = lead & 0x1Fu;
         }
-        for (std::size_t k = 1; k < length; ++k) scalar = (scalar << 6) | (static_cast<unsigned char>(utf8[i + k]) & 0x3Fu);
+        for (std::size_t k = 1; k < length; ++k)
+            scalar = (scalar << 6) | (static_cast<unsigned char>(utf8[i + k]) & 0x3Fu);
         if (scalar >= 0x10000) {
             out.push_back(static_cast<char16_t>(0xD800 + ((scalar - 0x10000) >> 10)));
             out.push_back(static_cast<char16_t>(0xDC00 + ((scalar - 0x10000) & 0x3FF)));
@@ -39,7 +40,8 @@ std::u16string utf16Of(std::string_view utf8) {
 
 TEST(LineMap, anOffsetInsideACharacterLandsAfterIt) {
     // a (1 byte), é (2), € (3), 𝄞 (4 bytes, 2 units), b (1).
-    const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E" "b";
+    const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9D\x84\x9E"
+                             "b";
     const std::u16string decoded = utf16Of(text);
     ASSERT_EQ(decoded.size(), 6u);
     const std::int64_t expected[] = {0, 1, 2, 2, 3, 3, 3, 5, 5, 5, 5, 6, 6, 6};
@@ -47,14 +49,16 @@ TEST(LineMap, anOffsetInsideACharacterLandsAfterIt) {
         SCOPED_TRACE(offset);
         EXPECT_EQ(LineMap::utf16IndexForUTF8Offset(text, offset), expected[offset]);
         EXPECT_EQ(LineMap::utf16IndexForUTF8Offset(decoded, offset), expected[offset]);
-        EXPECT_EQ(LineMap::utf16IndexForByteOffset(decoded, offset, LineMap::ByteWidth::utf8), expected[offset]);
+        EXPECT_EQ(LineMap::utf16IndexForByteOffset(decoded, offset, LineMap::ByteWidth::utf8),
+                  expected[offset]);
     }
     // Index 4 is the second half of the pair, which lands after the pair.
     const std::int64_t bytesForIndex[] = {0, 1, 3, 6, 10, 10, 11};
     for (std::int64_t index = 0; index <= 6; ++index) {
         SCOPED_TRACE(index);
         EXPECT_EQ(LineMap::utf8OffsetForUTF16Index(text, index), bytesForIndex[index]);
-        EXPECT_EQ(LineMap::byteOffsetForUTF16Index(decoded, index, LineMap::ByteWidth::utf8), bytesForIndex[index]);
+        EXPECT_EQ(LineMap::byteOffsetForUTF16Index(decoded, index, LineMap::ByteWidth::utf8),
+                  bytesForIndex[index]);
     }
 }
 
@@ -63,7 +67,8 @@ TEST(LineMap, bothDirectionsAgreeOnRandomText) {
     std::mt19937 random(3);
     for (int trial = 0; trial < 50; ++trial) {
         std::string text;
-        for (int i = 0; i < 40; ++i) text += pieces[random() % std::size(pieces)];
+        for (int i = 0; i < 40; ++i)
+            text += pieces[random() % std::size(pieces)];
         const std::u16string decoded = utf16Of(text);
         for (std::int64_t offset = 0; offset <= static_cast<std::int64_t>(text.size()) + 2; ++offset) {
             const std::int64_t index = LineMap::utf16IndexForUTF8Offset(text, offset);
@@ -72,8 +77,9 @@ TEST(LineMap, bothDirectionsAgreeOnRandomText) {
             const std::int64_t back = LineMap::utf8OffsetForUTF16Index(text, index);
             ASSERT_GE(back, std::min<std::int64_t>(offset, static_cast<std::int64_t>(text.size())));
             ASSERT_EQ(back, LineMap::byteOffsetForUTF16Index(decoded, index, LineMap::ByteWidth::utf8));
-            const bool boundary = offset >= static_cast<std::int64_t>(text.size()) ||
-                                  (static_cast<unsigned char>(text[static_cast<std::size_t>(offset)]) & 0xC0) != 0x80;
+            const bool boundary =
+                offset >= static_cast<std::int64_t>(text.size()) ||
+                (static_cast<unsigned char>(text[static_cast<std::size_t>(offset)]) & 0xC0) != 0x80;
             if (boundary) {
                 ASSERT_EQ(back, std::min<std::int64_t>(offset, static_cast<std::int64_t>(text.size())));
             }
@@ -88,7 +94,9 @@ TEST(LineMap, singleByteAndOtherWidths) {
     EXPECT_EQ(LineMap::utf16IndexForByteOffset(text, -1, LineMap::ByteWidth::singleByte), 0);
     EXPECT_EQ(LineMap::byteOffsetForUTF16Index(text, 4, LineMap::ByteWidth::singleByte), 4);
     // An encoding where everything past ASCII takes two bytes, as a double-byte set does.
-    const LineMap::EncodedLength twoPastASCII = [](char32_t scalar) -> std::int64_t { return scalar < 0x80 ? 1 : 2; };
+    const LineMap::EncodedLength twoPastASCII = [](char32_t scalar) -> std::int64_t {
+        return scalar < 0x80 ? 1 : 2;
+    };
     const std::u16string mixed = u"ab\u4E2D\u6587c";
     const std::int64_t expected[] = {0, 1, 2, 3, 3, 4, 4, 5, 5};
     for (std::int64_t offset = 0; offset < 9; ++offset) {
@@ -101,11 +109,13 @@ TEST(LineMap, singleByteAndOtherWidths) {
 
 TEST(LineMap, strayBytesCountAsOneUnitEach) {
     // A lone continuation byte, a lead byte without its tail, an overlong form: one U+FFFD each.
-    const std::string text = "a\x80" "b\xE2\x82" "c\xC0\xAF";
+    const std::string text = "a\x80"
+                             "b\xE2\x82"
+                             "c\xC0\xAF";
     EXPECT_EQ(LineMap::utf16IndexForUTF8Offset(text, static_cast<std::int64_t>(text.size())), 8);
     EXPECT_EQ(LineMap::utf16IndexForUTF8Offset(text, 2), 2);
     EXPECT_EQ(LineMap::utf8OffsetForUTF16Index(text, 5), 5);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

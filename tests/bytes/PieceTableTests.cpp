@@ -25,10 +25,13 @@ std::string textOf(const PieceTable& table) {
     return {bytes.begin(), bytes.end()};
 }
 
-std::vector<std::uint8_t> bytesOf(std::string_view text) { return {text.begin(), text.end()}; }
+std::vector<std::uint8_t> bytesOf(std::string_view text) {
+    return {text.begin(), text.end()};
+}
 
 std::string piecesText(const PieceTable& table, const Piece& piece) {
-    const ByteSource& source = piece.fromOriginal ? table.original() : static_cast<const ByteSource&>(table.added());
+    const ByteSource& source =
+        piece.fromOriginal ? table.original() : static_cast<const ByteSource&>(table.added());
     const auto bytes = source.data({piece.offset, piece.offset + piece.length});
     return {bytes.begin(), bytes.end()};
 }
@@ -54,7 +57,8 @@ void expectSame(const PieceTable& table, const std::string& model, bool everyOff
     }
     EXPECT_EQ(table.offsetOfLine(lines), static_cast<std::int64_t>(model.size()));
     const auto lineOf = [&](std::int64_t o) {
-        return static_cast<std::int64_t>(std::upper_bound(starts.begin(), starts.end(), o) - starts.begin() - 1);
+        return static_cast<std::int64_t>(std::upper_bound(starts.begin(), starts.end(), o) - starts.begin() -
+                                         1);
     };
     for (std::int64_t n = 0; n < lines; ++n) {
         const std::int64_t start = starts[static_cast<std::size_t>(n)];
@@ -90,7 +94,8 @@ void expectSame(const PieceTable& table, const std::string& model, bool everyOff
     // From 65 pieces on, no two neighbours are left that could have merged.
     if (table.pieces().size() >= PieceTable::compactionThreshold) {
         for (std::size_t i = 1; i < table.pieces().size(); ++i) {
-            ASSERT_FALSE(mergeable(table.pieces()[i - 1], table.pieces()[i])) << "pieces " << i - 1 << " and " << i;
+            ASSERT_FALSE(mergeable(table.pieces()[i - 1], table.pieces()[i]))
+                << "pieces " << i - 1 << " and " << i;
         }
     }
 }
@@ -99,7 +104,7 @@ TEST(PieceTable, startsPristineAndAnswersFromTheIndex) {
     auto table = tableOver("one\ntwo\nthree\nfour\n");
     EXPECT_TRUE(table.isPristine());
     ASSERT_EQ(table.pieces().size(), 1u);
-    EXPECT_EQ(table.pieces().front().newlines, 0); // not known until the table leaves that state
+    EXPECT_EQ(table.pieces().front().newlines, 0);  // not known until the table leaves that state
     expectSame(table, "one\ntwo\nthree\nfour\n", true);
 
     const PieceTable empty = tableOver("");
@@ -157,7 +162,8 @@ TEST(PieceTable, typingAtTheEndGrowsOnePieceUpToItsLimit) {
 TEST(PieceTable, longInsertionsAreCutIntoShortPieces) {
     auto table = tableOver("head\ntail\n");
     std::string inserted;
-    for (int i = 0; i < 40'000; ++i) inserted.push_back(i % 77 == 0 ? '\n' : 'k');
+    for (int i = 0; i < 40'000; ++i)
+        inserted.push_back(i % 77 == 0 ? '\n' : 'k');
     table.replace({5, 5}, bytesOf(inserted));
     std::vector<std::int64_t> addedLengths;
     for (const Piece& piece : table.pieces()) {
@@ -169,7 +175,8 @@ TEST(PieceTable, longInsertionsAreCutIntoShortPieces) {
 
 /// A table of at least 65 pieces: a single letter inserted at the start of every other line.
 PieceTable fragmented(std::string& model, std::int64_t lines) {
-    for (std::int64_t i = 0; i < lines; ++i) model += "line " + std::to_string(i) + "\n";
+    for (std::int64_t i = 0; i < lines; ++i)
+        model += "line " + std::to_string(i) + "\n";
     auto table = tableOver(model, 3);
     for (std::int64_t n = lines - 2; n >= 0; n -= 2) {
         const std::int64_t at = table.offsetOfLine(n);
@@ -191,7 +198,8 @@ TEST(PieceTable, compactionMergesNeighboursButNeverPastTheLimit) {
         const std::int64_t at = table.offsetOfLine(line);
         table.replace({at, at}, bytesOf(std::string(8'192, 'a')));
         table.replace({at + 8'192, at + 8'192}, bytesOf(std::string(static_cast<std::size_t>(second), 'b')));
-        model.insert(static_cast<std::size_t>(at), std::string(8'192, 'a') + std::string(static_cast<std::size_t>(second), 'b'));
+        model.insert(static_cast<std::size_t>(at),
+                     std::string(8'192, 'a') + std::string(static_cast<std::size_t>(second), 'b'));
         return at;
     };
     const std::int64_t apart = insertPair(51, 8'193);
@@ -212,7 +220,8 @@ TEST(PieceTable, compactionMergesNeighboursButNeverPastTheLimit) {
     // Original pieces merge whatever their size: an insertion taken out again leaves the
     // original whole around it.
     std::string big(300'000, 'o');
-    for (std::size_t i = 99; i < big.size(); i += 100) big[i] = '\n';
+    for (std::size_t i = 99; i < big.size(); i += 100)
+        big[i] = '\n';
     std::string bigModel = big;
     auto bigTable = tableOver(big, 5);
     for (std::int64_t i = 0; i < 70; ++i) {
@@ -235,8 +244,10 @@ void runRandomEdits(unsigned seed, const std::string& initial, int edits, bool m
     SCOPED_TRACE(::testing::Message() << "seed " << seed << (mapped ? " mapped" : " memory"));
     testing::TemporaryFolder folder;
     std::shared_ptr<const ByteSource> source;
-    if (mapped) source = std::make_shared<MappedSource>(folder.write("original.txt", initial));
-    else source = std::make_shared<MemorySource>(testing::bytes(initial));
+    if (mapped)
+        source = std::make_shared<MappedSource>(folder.write("original.txt", initial));
+    else
+        source = std::make_shared<MemorySource>(testing::bytes(initial));
     std::mt19937 random(seed);
     LineIndex index(source->count(), 1 + static_cast<std::int64_t>(random() % 40));
     // Part of the index known before the first edit, as when a document has just opened.
@@ -247,7 +258,8 @@ void runRandomEdits(unsigned seed, const std::string& initial, int edits, bool m
 
     const auto randomText = [&](std::size_t length) {
         std::string text;
-        for (std::size_t i = 0; i < length; ++i) text.push_back(random() % 6 == 0 ? '\n' : static_cast<char>('a' + random() % 26));
+        for (std::size_t i = 0; i < length; ++i)
+            text.push_back(random() % 6 == 0 ? '\n' : static_cast<char>('a' + random() % 26));
         return text;
     };
     for (int edit = 0; edit < edits; ++edit) {
@@ -261,14 +273,16 @@ void runRandomEdits(unsigned seed, const std::string& initial, int edits, bool m
             const auto& pieces = table.pieces();
             const auto chosen = random() % pieces.size();
             lo = 0;
-            for (std::size_t i = 0; i < chosen; ++i) lo += pieces[i].length;
+            for (std::size_t i = 0; i < chosen; ++i)
+                lo += pieces[i].length;
         } else {
             lo = size;
         }
         const auto kind = random() % 10;
         std::int64_t hi = lo;
         if (kind >= 6) hi = std::min(size, lo + static_cast<std::int64_t>(random() % 60));
-        if (kind == 9 && random() % 8 == 0) hi = std::min(size, lo + static_cast<std::int64_t>(random() % 70'000));
+        if (kind == 9 && random() % 8 == 0)
+            hi = std::min(size, lo + static_cast<std::int64_t>(random() % 70'000));
         std::string inserted;
         if (kind < 8) {
             const auto length = random() % 40 == 0 ? 16'000 + random() % 20'000 : random() % 12;
@@ -285,14 +299,16 @@ void runRandomEdits(unsigned seed, const std::string& initial, int edits, bool m
             continue;
         }
         const auto removed = table.replace({lo, hi}, bytesOf(inserted));
-        ASSERT_EQ(std::string(removed.begin(), removed.end()), model.substr(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo)));
+        ASSERT_EQ(std::string(removed.begin(), removed.end()),
+                  model.substr(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo)));
         model.replace(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo), inserted);
         if (edit % 25 == 0 || edit == edits - 1) {
             ASSERT_NO_FATAL_FAILURE(expectSame(table, model, model.size() < 20'000));
         } else {
             ASSERT_EQ(table.byteCount(), static_cast<std::int64_t>(model.size()));
             const auto probe = model.empty() ? 0 : static_cast<std::int64_t>(random() % model.size());
-            ASSERT_EQ(table.lineContainingOffset(probe), std::count(model.begin(), model.begin() + probe, '\n'));
+            ASSERT_EQ(table.lineContainingOffset(probe),
+                      std::count(model.begin(), model.begin() + probe, '\n'));
         }
     }
 }
@@ -307,14 +323,16 @@ TEST(PieceTable, randomEditsAgreeWithAPlainString) {
         large.append(random() % 150, static_cast<char>('a' + random() % 26));
         large.push_back('\n');
     }
-    for (unsigned seed = 5; seed < 8; ++seed) runRandomEdits(seed, large, 500, seed == 6);
+    for (unsigned seed = 5; seed < 8; ++seed)
+        runRandomEdits(seed, large, 500, seed == 6);
 }
 
 // Thousands of pieces, then removals that take whole runs of them at once, from the middle,
 // the start and the end, and insertions that cut the survivors again.
 TEST(PieceTable, manyPiecesAndWideRemovals) {
     std::string model;
-    for (int i = 0; i < 3'000; ++i) model += "row " + std::to_string(i) + (i % 3 == 0 ? "\n" : " ");
+    for (int i = 0; i < 3'000; ++i)
+        model += "row " + std::to_string(i) + (i % 3 == 0 ? "\n" : " ");
     auto table = tableOver(model, 4);
     std::mt19937 random(11);
     for (int i = 0; i < 4'000; ++i) {
@@ -325,14 +343,16 @@ TEST(PieceTable, manyPiecesAndWideRemovals) {
     }
     ASSERT_GT(table.pieces().size(), 5'000u);
     expectSame(table, model, false);
-    const std::pair<double, double> cuts[] = {{0.30, 0.55}, {0.0, 0.1}, {0.9, 1.0}, {0.2, 0.2001}, {0.4, 0.6}};
+    const std::pair<double, double> cuts[] = {
+        {0.30, 0.55}, {0.0, 0.1}, {0.9, 1.0}, {0.2, 0.2001}, {0.4, 0.6}};
     for (const auto& [from, to] : cuts) {
         const auto size = static_cast<double>(model.size());
         const auto lo = static_cast<std::int64_t>(size * from);
         const auto hi = static_cast<std::int64_t>(size * to);
         SCOPED_TRACE(::testing::Message() << lo << ".." << hi);
         const auto removed = table.replace({lo, hi}, bytesOf("<cut>\n"));
-        ASSERT_EQ(std::string(removed.begin(), removed.end()), model.substr(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo)));
+        ASSERT_EQ(std::string(removed.begin(), removed.end()),
+                  model.substr(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo)));
         model.replace(static_cast<std::size_t>(lo), static_cast<std::size_t>(hi - lo), "<cut>\n");
         expectSame(table, model, false);
     }
@@ -347,7 +367,8 @@ TEST(PieceTable, withBytesAvoidsCopiesInsideOnePiece) {
     table.replace({10, 10}, bytesOf("XYZ"));
     std::vector<std::uint8_t> scratch;
     std::string seen;
-    table.withBytes({2, 6}, scratch, [&](std::span<const std::uint8_t> bytes) { seen.assign(bytes.begin(), bytes.end()); });
+    table.withBytes({2, 6}, scratch,
+                    [&](std::span<const std::uint8_t> bytes) { seen.assign(bytes.begin(), bytes.end()); });
     EXPECT_EQ(seen, "2345");
     EXPECT_TRUE(scratch.empty());
     table.withBytes({8, 15}, scratch, [&](std::span<const std::uint8_t> bytes) {
@@ -355,7 +376,8 @@ TEST(PieceTable, withBytesAvoidsCopiesInsideOnePiece) {
         EXPECT_EQ(bytes.data(), scratch.data());
     });
     EXPECT_EQ(seen, "89XYZab");
-    table.withBytes({20, 99}, scratch, [&](std::span<const std::uint8_t> bytes) { seen.assign(bytes.begin(), bytes.end()); });
+    table.withBytes({20, 99}, scratch,
+                    [&](std::span<const std::uint8_t> bytes) { seen.assign(bytes.begin(), bytes.end()); });
     EXPECT_EQ(seen, "hij");
 }
 
@@ -375,29 +397,33 @@ TEST(PieceTable, streamsInBlocksAndStopsWhenAsked) {
     EXPECT_EQ(streamed, text);
     EXPECT_EQ(largest, 7'000u);
     int blocks = 0;
-    EXPECT_FALSE(table.stream(1'000, [&] { return blocks >= 3; }, [&](std::span<const std::uint8_t>) { ++blocks; }));
+    EXPECT_FALSE(table.stream(
+        1'000, [&] { return blocks >= 3; }, [&](std::span<const std::uint8_t>) { ++blocks; }));
     EXPECT_EQ(blocks, 3);
     // A sink that throws ends the walk with its error.
-    EXPECT_THROW(table.stream(1'000, {}, [](std::span<const std::uint8_t>) { throw std::runtime_error("full"); }),
-                 std::runtime_error);
+    EXPECT_THROW(
+        table.stream(1'000, {}, [](std::span<const std::uint8_t>) { throw std::runtime_error("full"); }),
+        std::runtime_error);
 }
 
 TEST(PieceTable, leavingThePristineStateCompletesAPartialIndex) {
     std::string text;
-    for (int i = 0; i < 50'000; ++i) text += "row " + std::to_string(i) + "\n";
+    for (int i = 0; i < 50'000; ++i)
+        text += "row " + std::to_string(i) + "\n";
     auto source = std::make_shared<MemorySource>(testing::bytes(text));
     LineIndex index(source->count());
     auto head = index.plan(*source, 1'000);
     index.commit(std::move(*head));
     PieceTable table(source, std::move(index));
-    EXPECT_LT(table.newlineCount(), 50'000); // only what the index has seen
+    EXPECT_LT(table.newlineCount(), 50'000);  // only what the index has seen
     EXPECT_LT(table.lineContainingOffset(source->count() - 1), 50'000);
-    EXPECT_EQ(table.nextNewline(static_cast<std::int64_t>(text.size()) - 3), static_cast<std::int64_t>(text.size()) - 1);
+    EXPECT_EQ(table.nextNewline(static_cast<std::int64_t>(text.size()) - 3),
+              static_cast<std::int64_t>(text.size()) - 1);
     table.replace({0, 0}, bytesOf(">"));
     text.insert(0, ">");
     EXPECT_TRUE(table.originalIndex().isComplete());
     expectSame(table, text, false);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -29,7 +29,8 @@ std::string messageOf(const std::function<void()>& action) {
 
 std::string patterned(std::size_t size) {
     std::string text(size, ' ');
-    for (std::size_t i = 0; i < size; ++i) text[i] = static_cast<char>(i % 61 == 60 ? '\n' : 'A' + static_cast<int>(i % 23));
+    for (std::size_t i = 0; i < size; ++i)
+        text[i] = static_cast<char>(i % 61 == 60 ? '\n' : 'A' + static_cast<int>(i % 23));
     return text;
 }
 
@@ -78,7 +79,8 @@ TEST(MappedSource, refusesWhatCannotBeMapped) {
     TemporaryFolder folder;
     EXPECT_EQ(messageOf([&] { MappedSource source(folder / "missing"); }),
               std::string("open failed: ") + std::strerror(ENOENT));
-    EXPECT_EQ(messageOf([&] { MappedSource source(folder.write("empty", "")); }), "empty file cannot be mapped");
+    EXPECT_EQ(messageOf([&] { MappedSource source(folder.write("empty", "")); }),
+              "empty file cannot be mapped");
 }
 
 TEST(MappedSource, readsLikeMemory) {
@@ -92,10 +94,10 @@ TEST(MappedSource, readsLikeMemory) {
     source.read({4'000, 4'200}, out.data());
     EXPECT_EQ(std::string(out.begin(), out.end()), text.substr(4'000, 200));
     source.withBytes({5, 10}, [&](std::span<const std::uint8_t> bytes) {
-        EXPECT_EQ(bytes.data(), source.base() + 5); // straight from the map, no copy
+        EXPECT_EQ(bytes.data(), source.base() + 5);  // straight from the map, no copy
         EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text.substr(5, 5));
     });
-    source.prefetch({-10, 1'000'000}); // a hint, clamped; must not fail
+    source.prefetch({-10, 1'000'000});  // a hint, clamped; must not fail
     EXPECT_EQ(source.refreshReadableSize(), source.count());
 }
 
@@ -118,14 +120,16 @@ TEST(MappedSource, survivesTheFileBeingCutUnderIt) {
     // Before anyone noticed: `read` goes through the descriptor and zero-fills.
     std::vector<std::uint8_t> out(static_cast<std::size_t>(2 * page), 0xEE);
     source.read({half - page, half + page}, out.data());
-    EXPECT_EQ(std::string(out.begin(), out.begin() + page), text.substr(static_cast<std::size_t>(half - page), static_cast<std::size_t>(page)));
+    EXPECT_EQ(std::string(out.begin(), out.begin() + page),
+              text.substr(static_cast<std::size_t>(half - page), static_cast<std::size_t>(page)));
     EXPECT_TRUE(std::all_of(out.begin() + page, out.end(), [](std::uint8_t b) { return b == 0; }));
 
     // A pointer into a page that is gone: the touch is answered with zeros, not a signal.
     const std::int64_t faultsBefore = MappedSource::absorbedFaultCount();
     std::int64_t sum = 0;
     source.withBytes({6 * page, 6 * page + 64}, [&](std::span<const std::uint8_t> bytes) {
-        for (const auto byte : bytes) sum += byte;
+        for (const auto byte : bytes)
+            sum += byte;
     });
     EXPECT_EQ(sum, 0);
     EXPECT_GT(MappedSource::absorbedFaultCount(), faultsBefore);
@@ -136,7 +140,8 @@ TEST(MappedSource, survivesTheFileBeingCutUnderIt) {
     EXPECT_EQ(source.count(), count);
     source.withBytes({half - 4, half + 4}, [&](std::span<const std::uint8_t> bytes) {
         ASSERT_EQ(bytes.size(), 8u);
-        EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 4), text.substr(static_cast<std::size_t>(half - 4), 4));
+        EXPECT_EQ(std::string(bytes.begin(), bytes.begin() + 4),
+                  text.substr(static_cast<std::size_t>(half - 4), 4));
         EXPECT_TRUE(std::all_of(bytes.begin() + 4, bytes.end(), [](std::uint8_t b) { return b == 0; }));
     });
     EXPECT_TRUE(source.data({half + 1, half + 50}).empty());
@@ -159,5 +164,5 @@ TEST(MappedSource, survivesTheFileBeingCutUnderIt) {
     });
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -55,5 +55,5 @@ TEST_F(ByteFormatterTest, decimalsAreGroupedInThousands) {
     EXPECT_EQ(ByteFormatter::lines(20'300'000), "20,300,000 lines");
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -55,5 +55,5 @@ TEST(LocalizationFormat, anUnknownKeyStandsAsItIs) {
     EXPECT_EQ(L("plain"), "plain");
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -14,7 +14,8 @@ TEST(Parallel, runsEveryIndexExactlyOnce) {
         SCOPED_TRACE(count);
         std::vector<std::atomic<int>> seen(count);
         parallelFor(count, [&](std::size_t i) { seen[i].fetch_add(1); });
-        for (std::size_t i = 0; i < count; ++i) ASSERT_EQ(seen[i].load(), 1) << i;
+        for (std::size_t i = 0; i < count; ++i)
+            ASSERT_EQ(seen[i].load(), 1) << i;
     }
     EXPECT_GE(activeProcessorCount(), 1u);
 }
@@ -38,9 +39,10 @@ TEST(Parallel, loopsInsideLoopsFinish) {
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] { parallelFor(1'000, [&](std::size_t) { total.fetch_add(1); }); });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     EXPECT_EQ(total.load(), 4'000);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim

@@ -15,8 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 
 /// Waits for a condition with a deadline, never a fixed sleep.
-template <typename Condition>
-bool waitFor(Condition&& condition, std::chrono::milliseconds limit = 5'000ms) {
+template <typename Condition> bool waitFor(Condition&& condition, std::chrono::milliseconds limit = 5'000ms) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) return false;
@@ -45,7 +44,8 @@ TEST(SerialQueue, runsJobsOneAfterAnotherInOrder) {
     queue.drain();
     EXPECT_EQ(overlap.load(), 0);
     ASSERT_EQ(order.size(), 200u);
-    for (int i = 0; i < 200; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+    for (int i = 0; i < 200; ++i)
+        EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
     int value = 0;
     queue.sync([&](const IsCancelled&) { value = 7; });
     EXPECT_EQ(value, 7);
@@ -61,7 +61,8 @@ TEST(SerialQueue, cancelAllStopsTheRunningJobAndDropsThePending) {
         started = true;
         sawCancel = waitFor([&] { return isCancelled(); });
     });
-    for (int i = 0; i < 5; ++i) queue.async([&](const IsCancelled&) { pendingRan.fetch_add(1); });
+    for (int i = 0; i < 5; ++i)
+        queue.async([&](const IsCancelled&) { pendingRan.fetch_add(1); });
     ASSERT_TRUE(waitFor([&] { return started.load(); }));
     queue.cancelAll();
     queue.drain();
@@ -92,7 +93,7 @@ TEST(SerialQueue, destructionWaitsForTheRunningJobAndTellsItToStop) {
 }
 
 TEST(MainQueue, pumpRunsWhatWasPostedAndWhatThatPosts) {
-    MainQueue::pump(); // whatever an earlier test left
+    MainQueue::pump();  // whatever an earlier test left
     std::vector<int> order;
     MainQueue::post([&] {
         order.push_back(1);
@@ -109,5 +110,5 @@ TEST(MainQueue, pumpRunsWhatWasPostedAndWhatThatPosts) {
     EXPECT_EQ(order.back(), 4);
 }
 
-} // namespace
-} // namespace brim
+}  // namespace
+}  // namespace brim
