@@ -116,7 +116,7 @@ void releaseRegion(const std::uint8_t* base) {
 }  // namespace
 
 MappedSource::MappedSource(const std::filesystem::path& path) : path_(path) {
-    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd_ < 0) throw BrimError(L("open failed: %@", std::strerror(errno)));
     struct stat status {};
     if (::fstat(fd_, &status) != 0) {

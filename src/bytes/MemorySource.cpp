@@ -38,7 +38,8 @@ std::int64_t readUpTo(int fd, std::uint8_t* destination, std::int64_t size) {
 }  // namespace
 
 std::vector<std::uint8_t> MemorySource::bytesOfFile(const std::filesystem::path& path) {
-    Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+    // Not blocking: a pipe or device given by name must not hang the open; it reads as empty.
+    Descriptor file{::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
     if (file.fd < 0) throw BrimError(L("open failed: %@", std::strerror(errno)));
     // The bytes are read once, front to back; the page cache need not keep them for us.
     ::posix_fadvise(file.fd, 0, 0, POSIX_FADV_SEQUENTIAL);

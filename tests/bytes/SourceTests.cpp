@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -43,6 +44,11 @@ TEST(MemorySource, readsWholeFilesAndSaysWhyNot) {
               std::string("open failed: ") + std::strerror(ENOENT));
     // A file whose size says nothing, as under /proc, is still read to its end.
     EXPECT_FALSE(MemorySource::bytesOfFile("/proc/self/status").empty());
+    // A pipe with no writer neither hangs the open nor the read.
+    const auto pipe = folder / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    EXPECT_TRUE(MemorySource::bytesOfFile(pipe).empty());
+    EXPECT_EQ(messageOf([&] { MappedSource source(pipe); }), "empty file cannot be mapped");
 }
 
 TEST(MemorySource, clampsEveryRead) {
