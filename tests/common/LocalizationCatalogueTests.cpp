@@ -97,7 +97,7 @@ public:
                 }
                 const bool qualified = start >= 2 && text_.substr(start - 2, 2) == "::";
                 const bool member = start >= 1 && (text_[start - 1] == '.' || text_[start - 1] == '>');
-                const bool isL = word == "L" && !qualified && !member;
+                const bool isL = word == "L" && (!qualified || previousWord == "brim") && !member;
                 const bool isString = word == "string" && previousWord == "Localization" && qualified;
                 previousWord = word;
                 if (isL || isString) readCall(found);
@@ -342,6 +342,7 @@ TEST(LocalizationCatalogue, theScannerReadsKeysAsTheCompilerWould) {
         auto k = R"(L("inside a raw string"))";
         auto l = L(R"x(raw "key")x");
         auto m = L("brim: %@\n" /* a comment between */ "second", value);
+        auto n = brim::L("qualified"); auto o = other::L("not ours");
     )source";
     SourceTexts found;
     SourceScanner(source, "sample.cpp").scan(found);
@@ -350,7 +351,7 @@ TEST(LocalizationCatalogue, theScannerReadsKeysAsTheCompilerWould) {
     const std::vector<std::string> expected{
         "plain %@",      "joined over lines\n",   "quote \" and backslash \\ and \xC3\xA9",
         "looked up",     "after a quote character", "after digit separators",
-        "raw \"key\"",   "brim: %@\nsecond",
+        "raw \"key\"",   "brim: %@\nsecond",         "qualified",
     };
     EXPECT_EQ(keys, expected);
     ASSERT_EQ(found.unreadable.size(), 1U);
@@ -371,6 +372,17 @@ TEST(LocalizationCatalogue, everyTextTheCodeShowsIsTranslatedWithItsPlaceholders
     std::map<std::string, std::string> firstPlace;
     for (const auto& text : found.texts) firstPlace.emplace(text.key, text.place);
 
+    // "50% sure" reads "% s" as a conversion that takes an argument: a percent sign is "%%".
+    for (const auto& [key, place] : firstPlace) {
+        for (std::size_t at = key.find("% "); at != std::string::npos; at = key.find("% ", at + 1)) {
+            const auto end = key.find_first_not_of(" -+#0123456789.", at + 1);
+            const bool conversion = end != std::string::npos && std::string_view("@sdiuxXoFfgGeEc").find(key[end]) !=
+                                                                     std::string_view::npos;
+            EXPECT_FALSE(conversion && (at == 0 || key[at - 1] != '%'))
+                << nlohmann::json(key).dump() << " (" << place << ") has \"% \" where \"%%\" was meant";
+        }
+    }
+
     const bool listAll = std::getenv("BRIM_CATALOGUE_LIST") != nullptr;
     if (listAll && !found.unreadable.empty()) {
         std::cout << "== calls whose text is not a literal, so no catalogue check reaches them:\n";
@@ -388,6 +400,8 @@ TEST(LocalizationCatalogue, everyTextTheCodeShowsIsTranslatedWithItsPlaceholders
             }
             EXPECT_EQ(distinct(placeholders(found_->second)), distinct(placeholders(key)))
                 << "placeholders differ for " << nlohmann::json(key).dump() << " (" << place << ")";
+            EXPECT_TRUE(key.find('&') == std::string::npos || found_->second.find('&') != std::string::npos)
+                << "the menu mnemonic (&) is lost in " << nlohmann::json(found_->second).dump();
             EXPECT_TRUE(keepsEdges(key, found_->second))
                 << "the start or end differs for " << nlohmann::json(key).dump() << " (" << place << ")";
         }
