@@ -1,5 +1,6 @@
 #include "charsets/EncodingDetector.h"
 
+#include "charsets/Charsets.h"
 #include "charsets/EncodingScorer.h"
 #include "charsets/LossyUTF8.h"
 #include "charsets/UnicodeText.h"
@@ -655,8 +656,14 @@ std::optional<EncodingDetection> detectCJK(const Sample& sample) {
 std::optional<EncodingDetection> detectSevenBitCJK(const Sample& sample) {
     const auto& bytes = sample.bytes;
     const bool escapes = std::find(bytes.begin(), bytes.end(), 0x1B) != bytes.end();
+    // HZ shifts into GB 2312 with "~{" and back with "~}"; a text with only one of them is not HZ.
+    bool hzIn = false;
     bool hzShift = false;
-    for (std::size_t i = 0; i + 1 < bytes.size() && !hzShift; ++i) hzShift = bytes[i] == '~' && bytes[i + 1] == '{';
+    for (std::size_t i = 0; i + 1 < bytes.size() && !hzShift; ++i) {
+        if (bytes[i] != '~') continue;
+        hzIn = hzIn || bytes[i + 1] == '{';
+        hzShift = hzIn && bytes[i + 1] == '}';
+    }
     if (!escapes && !hzShift) return std::nullopt;
     std::vector<CJKCandidate> candidates;
     if (escapes) {
@@ -727,6 +734,19 @@ bool breaksLatinWords(std::u32string_view text) {
 
 // MARK: 8-bit
 
+namespace {
+
+/// How much better per character a DOS page must read than the best other set.
+constexpr double dosMargin = 2.5;
+
+bool isDOSPage(const TextEncoding& encoding) {
+    if (encoding.id == "cp437" || encoding.id == "cp850") return true;
+    const Charsets::Entry* entry = Charsets::entry(encoding.id);
+    return entry != nullptr && entry->group == "dos";
+}
+
+} // namespace
+
 std::vector<TextEncoding> legacyCandidates(bool hasC1Bytes, const TextEncoding& fallback) {
     std::vector<TextEncoding> candidates;
     for (const TextEncoding* encoding :
@@ -764,8 +784,22 @@ EncodingDetection detectLegacy8Bit(std::span<const std::uint8_t> sample, const T
     if (high == 0) return answer(TextEncoding::utf8(), 0.9, L("7-bit ASCII"));
     const auto candidates = legacyCandidates(c1 > 0, fallback);
     const auto scored = sample.first(std::min(sample.size(), legacyScoreWindow));
-    const auto best = EncodingScorer::best(scored, candidates);
+    auto best = EncodingScorer::best(scored, candidates);
     if (!best) return answer(fallback, 0.3, L("8-bit, nothing decoded cleanly"));
+    if (isDOSPage(best->encoding)) {
+        // The DOS pages read Windows' quotation marks and dashes (0x91-0x97) as accented letters, which
+        // score well around words. Text written for a console is the rarer kind: a DOS page must read
+        // clearly better than the common Windows, ISO and Mac sets to be chosen.
+        const auto& common = EncodingScorer::tieOrder();
+        std::vector<TextEncoding> others;
+        for (const auto& candidate : candidates) {
+            if (!isDOSPage(candidate) && std::find(common.begin(), common.end(), candidate.id) != common.end()) {
+                others.push_back(candidate);
+            }
+        }
+        const auto other = EncodingScorer::best(scored, others);
+        if (other && best->score - other->score < dosMargin) best = other;
+    }
     double confidence = best->score >= 2.0 ? 0.75 : 0.6;
     if (high < 8) confidence -= 0.15;
     if (static_cast<double>(high) / static_cast<double>(sample.size()) < 0.005) confidence -= 0.1;

@@ -8,6 +8,7 @@
 #include <array>
 #include <cmath>
 #include <map>
+#include <span>
 #include <mutex>
 #include <unordered_map>
 #include <unordered_set>
@@ -17,6 +18,9 @@ namespace brim::EncodingScorer {
 namespace {
 
 // MARK: tables
+
+/// The alphabet of a letter, by its first scalar. The five with frequency tables come first.
+enum class Script : std::uint8_t { cyrillic, greek, hebrew, arabic, thai, latin, other, none };
 
 constexpr std::string_view westernLetters = "àâäãåæçèêëìîïñòôöõøùûüÿßÀÂÄÃÅÆÇÈÊËÌÎÏÑÒÔÖÕØÙÛÜ";
 constexpr std::string_view centralLetters = "ąćęłńśźżčďěňřšťůžőűĺľŕđĉĄĆĘŁŃŚŹŻČĎĚŇŘŠŤŮŽŐŰ";
@@ -49,6 +53,27 @@ const FrequencyTable cyrillicFrequencies[] = {
      {11.0, 9.5, 9.0, 8.5, 5.0, 6.0, 4.0, 4.5, 4.5, 4.5, 3.5, 3.5, 3.5, 3.0, 3.0, 3.0, 1.7, 1.6, 1.5, 1.2, 0.9, 0.8,
       0.8, 0.5, 0.6, 0.4, 0.3, 0.2, 0.1, 0.1}},
 };
+const FrequencyTable hebrewFrequencies[] = {
+    {"יוהלאמרבתשנעדכםחקפןסגצטזךףץ",
+     {11.0, 10.0, 8.5, 7.0, 6.0, 5.5, 5.5, 5.0, 5.0, 4.5, 4.0, 3.0, 3.0, 2.5, 2.5, 2.3, 2.0, 1.8, 1.5, 1.0, 1.0,
+      1.0, 1.0, 0.8, 0.5, 0.4, 0.2}},
+};
+const FrequencyTable arabicFrequencies[] = {
+    // Arabic, then Persian with its own letters.
+    {"الميونهربتةعفدكسقأحجشإطصىخضزثذءغئظؤآ",
+     {12.5, 11.0, 7.0, 6.0, 6.0, 6.0, 4.5, 4.5, 4.0, 4.0, 3.5, 3.5, 3.0, 2.8, 2.5, 2.5, 2.3, 2.5, 2.0, 1.5, 1.0,
+      1.0, 1.0, 1.0, 1.5, 1.0, 0.6, 0.5, 0.5, 0.5, 0.5, 0.4, 0.5, 0.2, 0.2, 0.3}},
+    {"ایردنهومتبسکزلشگخفعقجحپچآصطغذضثظژ",
+     {11.0, 9.0, 6.0, 5.5, 5.5, 5.5, 5.0, 5.0, 4.0, 4.0, 3.0, 3.0, 2.5, 2.5, 2.0, 1.5, 1.5, 1.5, 1.0, 1.0, 1.0,
+      1.0, 1.0, 0.5, 0.5, 0.5, 0.4, 0.3, 0.3, 0.2, 0.2, 0.1, 0.1}},
+};
+const FrequencyTable thaiFrequencies[] = {
+    // By the first character of a cluster: consonants and the vowels written before them.
+    {"านรอกเงมยวดตลสทหไบคขปพจแใชโผถศณธซญภฟษฉฝฐฑฒฎฏฬฤฆฮ",
+     {8.0, 7.0, 6.0, 5.5, 5.5, 5.0, 4.5, 4.5, 4.0, 3.5, 3.5, 3.0, 3.0, 3.0, 2.5, 2.5, 2.0, 2.0, 2.0, 1.5, 1.5,
+      1.5, 1.5, 1.5, 1.2, 1.2, 1.0, 0.8, 0.7, 0.5, 0.5, 0.5, 0.5, 0.3, 0.3, 0.3, 0.3, 0.2, 0.1, 0.1, 0.1, 0.1,
+      0.05, 0.05, 0.05, 0.1, 0.05, 0.05}},
+};
 const FrequencyTable greekFrequencies[] = {
     {"αοτιενσηρπκυμλςάόέίδγήθχωύφβώξζψϊ",
      {10.5, 9.0, 8.0, 7.5, 7.5, 6.5, 4.5, 4.5, 4.5, 4.0, 4.0, 3.5, 3.5, 2.8, 2.7, 2.0, 2.0, 1.8, 1.8, 1.8, 1.8,
@@ -60,7 +85,7 @@ const FrequencyTable greekFrequencies[] = {
 // list must not grow into a catch-all: a language that takes every accent explains every misreading.
 constexpr std::string_view languageLetters[] = {
     "äöüß",                     // German
-    "éèàçêâîôûùëïÿœæ",          // French
+    "éèàçêâîôûùëïüÿœæ",         // French
     "áéíóúñü",                  // Spanish
     "ãõáéíóúçâêôà",             // Portuguese
     "àèéìòùíóúî",               // Italian
@@ -110,8 +135,12 @@ constexpr std::size_t profileLimit = 20'000;
 struct LetterTables {
     std::array<std::uint8_t, 0x200> group{};
     std::array<bool, 0x200> rare{};
-    std::vector<std::unordered_map<char32_t, double>> cyrillic;
-    std::vector<std::unordered_map<char32_t, double>> greek;
+    // Letter frequencies by script, each table with the mean below which a reading is a misreading.
+    struct Frequencies {
+        std::unordered_map<char32_t, double> percent;
+        double baseline = 0;
+    };
+    std::array<std::vector<Frequencies>, 6> frequencies;   // by Script
     std::vector<std::u32string> languages;
     std::unordered_set<char32_t> languageLetter;        // in some language's letters
     std::unordered_set<char32_t> simplified, traditional, chinese, korean;
@@ -135,16 +164,29 @@ const LetterTables& tables() {
             if (c < t.rare.size()) t.rare[c] = true;
         }
         auto frequencies = [](const FrequencyTable& table) {
-            std::unordered_map<char32_t, double> percentByLetter;
+            LetterTables::Frequencies known;
             const auto letters = UnicodeText::toScalars(table.letters);
             std::size_t i = 0;
+            double sum = 0;
+            double squares = 0;
             for (const double percent : table.percent) {
-                if (i < letters.size()) percentByLetter[letters[i++]] = percent;
+                if (i < letters.size()) known.percent[letters[i++]] = percent;
+                sum += percent;
+                squares += percent * percent;
             }
-            return percentByLetter;
+            // Real text averages sum(f^2)/sum(f) per letter; a reading that puts the letters in the wrong
+            // places, about the plain mean. Russian's 4.5 sits at 0.78 of the first, and so do the others.
+            known.baseline = 0.78 * squares / sum;
+            return known;
         };
-        for (const auto& table : cyrillicFrequencies) t.cyrillic.push_back(frequencies(table));
-        for (const auto& table : greekFrequencies) t.greek.push_back(frequencies(table));
+        const auto fill = [&](Script script, std::span<const FrequencyTable> tablesOfScript) {
+            for (const auto& table : tablesOfScript) t.frequencies[static_cast<std::size_t>(script)].push_back(frequencies(table));
+        };
+        fill(Script::cyrillic, cyrillicFrequencies);
+        fill(Script::greek, greekFrequencies);
+        fill(Script::hebrew, hebrewFrequencies);
+        fill(Script::arabic, arabicFrequencies);
+        fill(Script::thai, thaiFrequencies);
         for (const auto letters : languageLetters) {
             t.languages.push_back(UnicodeText::toScalars(letters));
             for (const char32_t c : t.languages.back()) t.languageLetter.insert(c);
@@ -213,7 +255,6 @@ std::vector<std::uint32_t> clusterStarts(std::u32string_view text) {
     return starts;
 }
 
-enum class Script : std::uint8_t { none, latin, greek, cyrillic, other };
 
 struct Character {
     char32_t first = ' ';
@@ -244,10 +285,13 @@ Character describe(std::u32string_view text, std::uint32_t start, std::uint32_t 
         c.spaceOrPunctuation = u_isUWhiteSpace(scalar) || (mask & U_GC_P_MASK) != 0;
     }
     if (c.letter) {
-        c.script = c.first < 0x370 ? Script::latin
-                   : c.first < 0x400 ? Script::greek
-                   : c.first < 0x500 ? Script::cyrillic
-                                     : Script::other;
+        c.script = c.first < 0x370                      ? Script::latin
+                   : c.first < 0x400                    ? Script::greek
+                   : c.first < 0x500                    ? Script::cyrillic
+                   : c.first >= 0x590 && c.first < 0x600 ? Script::hebrew
+                   : c.first >= 0x600 && c.first < 0x700 ? Script::arabic
+                   : c.first >= 0xE00 && c.first < 0xE80 ? Script::thai
+                                                        : Script::other;
     }
     return c;
 }
@@ -348,10 +392,9 @@ std::optional<Measure> measure(std::u32string_view text) {
     double total = 0;
     std::int64_t counted = 0;
     // Letters of the scripts with frequency tables, and the frequency sums under each table.
-    std::int64_t cyrillic = 0;
-    std::vector<double> cyrillicFrequency(t.cyrillic.size(), 0.0);
-    std::int64_t greek = 0;
-    std::vector<double> greekFrequency(t.greek.size(), 0.0);
+    std::array<std::int64_t, 5> lettersOfScript{};
+    std::array<std::vector<double>, 5> frequencySums;
+    for (std::size_t k = 0; k < frequencySums.size(); ++k) frequencySums[k].assign(t.frequencies[k].size(), 0.0);
     // Letters beyond ASCII that have a case, and how many of them are capitals.
     std::int64_t cased = 0;
     std::int64_t upperCase = 0;
@@ -411,19 +454,20 @@ std::optional<Measure> measure(std::u32string_view text) {
                 const bool sameScript = (previous.letter && previous.script == c.script) ||
                                         (next.letter && next.script == c.script);
                 const auto lower = static_cast<char32_t>(u_tolower(static_cast<UChar32>(c.first)));
-                if (c.script == Script::greek || c.script == Script::cyrillic) {
+                if (c.script < Script::latin) {
+                    // Greek and Cyrillic, and the alphabets whose letter frequencies are known as theirs
+                    // are (Hebrew, Arabic, Thai): believable beside their own kind, and then weighed by
+                    // how like the language they are.
                     total += sameScript ? 5 : -4;
-                    const bool isCyrillic = c.script == Script::cyrillic;
-                    const auto& tables = isCyrillic ? t.cyrillic : t.greek;
-                    auto& sums = isCyrillic ? cyrillicFrequency : greekFrequency;
-                    ++(isCyrillic ? cyrillic : greek);
-                    for (std::size_t k = 0; k < tables.size(); ++k) {
-                        const auto found = tables[k].find(lower);
-                        if (found != tables[k].end()) sums[k] += found->second;
+                    const auto script = static_cast<std::size_t>(c.script);
+                    ++lettersOfScript[script];
+                    const auto& tablesOfScript = t.frequencies[script];
+                    for (std::size_t k = 0; k < tablesOfScript.size(); ++k) {
+                        const auto found = tablesOfScript[k].percent.find(lower);
+                        if (found != tablesOfScript[k].percent.end()) frequencySums[script][k] += found->second;
                     }
                 } else if (c.script == Script::other) {
-                    // Letters of the other alphabets (Hebrew, Arabic, Thai...) count as Greek and Cyrillic do.
-                    total += sameScript ? 5 : 0;
+                    total += sameScript ? 3 : 0;
                 } else {
                     // Dotted capital I lower-cases to ASCII; it is Turkish, and stays itself.
                     const char32_t key = c.first == 0x130 ? c.first : lower;
@@ -471,15 +515,18 @@ std::optional<Measure> measure(std::u32string_view text) {
         }
         total += static_cast<double>(std::min<std::int64_t>(top, 3)) * 1.5 - 6.0 * static_cast<double>(sum - top);
     }
-    // How much like the language the letters of a script are: the best table's mean frequency against
-    // 4.5%, about what a reading that puts letters in the wrong places scores.
-    auto frequencyTerm = [](std::int64_t letters, const std::vector<double>& sums) {
-        if (letters < 5 || sums.empty()) return 0.0;
-        const double best = *std::max_element(sums.begin(), sums.end());
+    // How much like a language the letters of a script are: the best table's mean frequency against its
+    // baseline (4.5% for Russian).
+    for (std::size_t script = 0; script < lettersOfScript.size(); ++script) {
+        const std::int64_t letters = lettersOfScript[script];
+        if (letters < 5) continue;
         const auto n = static_cast<double>(letters);
-        return (best / n - 4.5) * 1.2 * n;
-    };
-    total += frequencyTerm(cyrillic, cyrillicFrequency) + frequencyTerm(greek, greekFrequency);
+        double best = -1e9;
+        for (std::size_t k = 0; k < frequencySums[script].size(); ++k) {
+            best = std::max(best, (frequencySums[script][k] / n - t.frequencies[script][k].baseline) * 1.2 * n);
+        }
+        total += best;
+    }
     // Running text is mostly small letters; a reading in which nearly every letter is a capital has put
     // another alphabet's letters, or the other case's, in their place.
     if (cased >= 8 && upperCase * 10 > cased * 8) total -= 2.0 * static_cast<double>(upperCase);
