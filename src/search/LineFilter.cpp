@@ -7,7 +7,12 @@
 #include "search/SearchWindow.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <memory>
 #include <mutex>
 
@@ -55,6 +60,52 @@ std::size_t processors() {
 bool isWordByte(std::uint8_t byte) {
     return (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
            byte == '_' || byte >= 0x80;
+}
+
+/// The line ends in a stretch and where the last one stands (-1 for none), in one pass.
+struct NewlineTally {
+    std::int64_t count = 0;
+    std::int64_t last = -1;
+};
+
+#if defined(__x86_64__)
+__attribute__((target("avx2,popcnt,lzcnt"))) NewlineTally tallyAVX2(const std::uint8_t* data, std::int64_t from,
+                                                                   std::int64_t to) {
+    NewlineTally tally;
+    const __m256i newline = _mm256_set1_epi8('\n');
+    std::int64_t i = from;
+    for (; i + 32 <= to; i += 32) {
+        const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i));
+        const auto mask = static_cast<std::uint32_t>(_mm256_movemask_epi8(_mm256_cmpeq_epi8(bytes, newline)));
+        if (mask != 0) {
+            tally.count += std::popcount(mask);
+            tally.last = i + 31 - std::countl_zero(mask);
+        }
+    }
+    for (; i < to; ++i) {
+        if (data[i] == '\n') {
+            ++tally.count;
+            tally.last = i;
+        }
+    }
+    return tally;
+}
+#endif
+
+NewlineTally tallyNewlines(const std::uint8_t* data, std::int64_t from, std::int64_t to) {
+#if defined(__x86_64__)
+    static const bool avx2 = __builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("popcnt") != 0 &&
+                             __builtin_cpu_supports("lzcnt") != 0;
+    if (avx2) return tallyAVX2(data, from, to);
+#endif
+    NewlineTally tally;
+    for (std::int64_t i = from; i < to; ++i) {
+        if (data[i] == '\n') {
+            ++tally.count;
+            tally.last = i;
+        }
+    }
+    return tally;
 }
 
 /// Adds a line to a list of runs: it grows the last run when it follows it.
@@ -117,6 +168,7 @@ struct BlockResult {
 BlockResult scanBlock(SearchText text, const Plan& plan, Expression::Matcher* matcher, ByteRange block,
                       const IsCancelled& isCancelled) {
     BlockResult result;
+    result.runs.reserve(256);
     const ByteSource& source = text.bytes();
     const std::int64_t total = source.count();
     source.withBytes(block, [&](std::span<const std::uint8_t> bytes) {
@@ -125,10 +177,11 @@ BlockResult scanBlock(SearchText text, const Plan& plan, Expression::Matcher* ma
         std::int64_t counted = 0;  // line ends before this offset are in `line`
         std::int64_t line = 0;
         // Records the line holding `at` and answers where the next line starts.
+        // `counted` always stands at the start of a line.
         const auto lineMatched = [&](std::int64_t at) {
-            line += ByteScan::countNewlines(data + counted, at - counted);
-            const void* before = at > 0 ? ::memrchr(data, '\n', static_cast<std::size_t>(at)) : nullptr;
-            const std::int64_t start = before == nullptr ? 0 : static_cast<const std::uint8_t*>(before) - data + 1;
+            const NewlineTally tally = tallyNewlines(data, counted, at);
+            line += tally.count;
+            const std::int64_t start = tally.last >= 0 ? tally.last + 1 : counted;
             const std::int64_t newline = ByteScan::firstNewline(data + at, size - at);
             const std::int64_t end = newline < 0 ? size : at + newline + 1;
             record(result.runs, line, {block.lower + start, block.lower + end});

@@ -138,13 +138,17 @@ LiteralMatcher::LiteralMatcher(std::string_view text, bool caseInsensitive, cons
     partnerUpper =
         caseInsensitiveASCII && isLower(partnerLower) ? static_cast<std::uint8_t>(partnerLower & 0xDF) : partnerLower;
 
+    double share = 1;
     if (histogram != nullptr && rareLower == rareUpper) {
         std::int64_t total = 0;
         for (const std::int64_t count : *histogram) total += count;
-        rareIsVeryRare = total > 0 && static_cast<double>(countOf(rareLower)) / static_cast<double>(total) < 0.008;
+        share = total > 0 ? static_cast<double>(countOf(rareLower)) / static_cast<double>(total) : 1;
+        rareIsVeryRare = share < 0.008;
     }
 #if defined(__x86_64__)
-    strategy = rareIsVeryRare ? Strategy::rareByte : Strategy::vector;
+    // The vector test of both anchors keeps up with memchr until the rare byte is rarer still:
+    // memchr returns for every rare byte, the vector test only where the partner agrees.
+    strategy = rareIsVeryRare && share < 0.001 ? Strategy::rareByte : Strategy::vector;
 #else
     strategy = rareIsVeryRare ? Strategy::rareByte : Strategy::wordAtATime;
 #endif
@@ -315,26 +319,39 @@ std::uint64_t candidateMaskSSE2(const std::uint8_t* at, std::size_t rare, std::s
 
 #if defined(__x86_64__)
 __attribute__((target("avx2"))) void LiteralMatcher::Scanner::fillByAVX2() {
+    // The loop keeps everything in registers: the cursor and the hit count are written back
+    // once, when a lane yields a confirmed start or the lanes run out.
     const std::size_t rare = matcher_.rareIndex;
     const std::size_t partner = matcher_.partnerIndex;
-    // Lanes of 64 positions while both 64-byte loads stay inside the block.
+    const std::uint8_t* const data = bytes_;
+    const std::size_t last = lastStart_;
     const bool haveLanes = count_ >= reach_ + 64;
-    const std::size_t end = haveLanes ? std::min(count_ - reach_ - 64, lastStart_) : 0;
+    const std::size_t end = haveLanes ? std::min(count_ - reach_ - 64, last) : 0;
     const auto toByte = [](std::uint8_t byte) { return static_cast<char>(byte); };
     const __m256i rareLower = _mm256_set1_epi8(toByte(matcher_.rareLower));
     const __m256i rareUpper = _mm256_set1_epi8(toByte(matcher_.rareUpper));
     const __m256i partnerLower = _mm256_set1_epi8(toByte(matcher_.partnerLower));
     const __m256i partnerUpper = _mm256_set1_epi8(toByte(matcher_.partnerUpper));
-    while (haveLanes && position_ <= end) {
+    std::size_t position = position_;
+    std::size_t found = 0;
+    while (haveLanes && position <= end) {
         std::uint64_t mask =
-            candidateMaskAVX2(bytes_ + position_, rare, partner, rareLower, rareUpper, partnerLower, partnerUpper);
-        while (mask != 0) {
-            verify(position_ + static_cast<std::size_t>(std::countr_zero(mask)));
-            mask &= mask - 1;
+            candidateMaskAVX2(data + position, rare, partner, rareLower, rareUpper, partnerLower, partnerUpper);
+        if (mask != 0) {
+            do {
+                const std::size_t candidate = position + static_cast<std::size_t>(std::countr_zero(mask));
+                if (candidate <= last && matcher_.matchesAt(data + candidate)) hits_[found++] = candidate;
+                mask &= mask - 1;
+            } while (mask != 0);
+            if (found > 0) {
+                position_ = position + 64;
+                hitCount_ = found;
+                return;
+            }
         }
-        position_ += 64;
-        if (hitCount_ > 0) return;
+        position += 64;
     }
+    position_ = position;
     fillOneByOne(lastStart_);
 }
 #else

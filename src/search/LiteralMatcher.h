@@ -57,7 +57,8 @@ public:
     std::uint8_t partnerUpper = 0;
     /// The rare anchor is under 0.8% of the sampled text, so `memchr` to it wins.
     bool rareIsVeryRare = false;
-    /// Chosen from `rareIsVeryRare` and the machine; tests and benchmarks may set it.
+    /// Chosen from `rareIsVeryRare` and the machine: with a vector unit, `memchr` only for a rare
+    /// byte under 0.1% of the text. Tests and benchmarks may set it.
     Strategy strategy = Strategy::wordAtATime;
 
     /// The cursor over one contiguous block. Yields every position at or after the cursor where

@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace brim {
 
 namespace UTF8 {
@@ -45,17 +49,40 @@ Step step(std::span<const std::uint8_t> bytes, std::size_t offset) {
     return {need + 1, true};
 }
 
+#if defined(__x86_64__)
+/// How far from `from` the bytes are all ASCII, in whole groups of 64.
+__attribute__((target("avx2"))) std::size_t asciiRunAVX2(const std::uint8_t* data, std::size_t from, std::size_t count) {
+    std::size_t i = from;
+    while (i + 64 <= count) {
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i));
+        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + i + 32));
+        if (_mm256_movemask_epi8(_mm256_or_si256(a, b)) != 0) break;
+        i += 64;
+    }
+    return i;
+}
+#endif
+
+std::size_t asciiRun(const std::uint8_t* data, std::size_t from, std::size_t count) {
+#if defined(__x86_64__)
+    static const bool avx2 = __builtin_cpu_supports("avx2") != 0;
+    if (avx2) return asciiRunAVX2(data, from, count);
+#endif
+    std::size_t i = from;
+    while (i + 32 <= count) {
+        std::uint64_t words[4];
+        std::memcpy(words, data + i, sizeof words);
+        if (((words[0] | words[1] | words[2] | words[3]) & highBits) != 0) break;
+        i += 32;
+    }
+    return i;
+}
+
 std::size_t firstInvalid(std::span<const std::uint8_t> bytes) {
     const std::size_t count = bytes.size();
     std::size_t i = 0;
     while (i < count) {
-        // Runs of ASCII go eight bytes at a time.
-        while (i + 32 <= count) {
-            std::uint64_t words[4];
-            std::memcpy(words, bytes.data() + i, sizeof words);
-            if (((words[0] | words[1] | words[2] | words[3]) & highBits) != 0) break;
-            i += 32;
-        }
+        i = asciiRun(bytes.data(), i, count);
         if (i >= count) break;
         if (bytes[i] < 0x80) {
             ++i;
