@@ -440,7 +440,7 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     SaveOutcome outcome;
     outcome.dest = dest;
     outcome.encoding = options.encoding;
-    outcome.lineEnding = options.lineEnding;
+    outcome.lineEnding = written;   // an ending the set can't spell went out as LF, and the document says so
     outcome.hasBOM = options.writeBOM;
     outcome.index = builder.finish();
     outcome.isGzipped = gzip != nullptr;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <thread>
 
 namespace brim {
 namespace {
@@ -221,6 +222,17 @@ TEST(TextDocumentEditing, observersAreHeldWeaklyAndToldWhatMoved) {
     f.document->removeObserver(kept.get());
     f.document->replace({0, 0}, "x", 0, 1);
     EXPECT_EQ(kept->changes.size(), 2U);
+}
+
+TEST(TextDocumentEditing, changesFromAnotherThreadAreDeliveredOnTheMainQueue) {
+    Fixture f("text");
+    auto recorder = std::make_shared<Recorder>();
+    f.document->addObserver(recorder);
+    std::thread([&] { f.document->notifyChanged(0, DocumentChange::wholesale()); }).join();
+    EXPECT_TRUE(recorder->changes.empty());
+    MainQueue::pump();
+    ASSERT_EQ(recorder->changes.size(), 1U);
+    EXPECT_TRUE(recorder->changes.front().isWholesale);
 }
 
 TEST(TextDocumentEditing, randomEditsUndoAndRedoMatchAModel) {

@@ -134,8 +134,33 @@ TEST(TextDocumentSaving, convertingSetsAndEndingsIsAdoptedByTheDocument) {
     const auto separated = TextDocument::open(folder.write("sep.txt", "one\xE2\x80\xA8two"), quiet());
     separated->adoptSaved(separated->writeOut(folder / "sep-1252.txt", {TextEncoding::cp1252(), LineEnding::ls, false, false}));
     EXPECT_EQ(readFile(folder / "sep-1252.txt"), "one\ntwo");
-    EXPECT_EQ(separated->lineEnding, LineEnding::ls);
+    EXPECT_EQ(separated->lineEnding, LineEnding::lf);
     EXPECT_EQ(separated->lineCount(), 2);
+
+    // EBCDIC has no line separator either: its own line feed goes between the records.
+    const auto records = TextDocument::open(folder.write("rec.txt", "A\xE2\x80\xA8" "B"), quiet());
+    records->adoptSaved(records->writeOut(folder / "rec.ebcdic", {TextEncoding::ebcdic037(), LineEnding::ls, false, false}));
+    EXPECT_EQ(readFile(folder / "rec.ebcdic"), "\xC1\x25\xC2");
+}
+
+TEST(TextDocumentSaving, aCancelledSaveChangesNothing) {
+    TemporaryFolder folder;
+    const auto path = folder.write("c.txt", "old\n");
+    const auto document = TextDocument::open(path, quiet());
+    document->replace({0, 3}, "new", 0, 3);
+    const auto outcome = document->writeOut(path, {TextEncoding::utf8(), LineEnding::lf, false, false}, {},
+                                            [] { return true; });
+    EXPECT_TRUE(outcome.cancelled);
+    document->adoptSaved(outcome);
+    EXPECT_EQ(readFile(path), "old\n");
+    EXPECT_TRUE(document->isDirty());
+    EXPECT_TRUE(temporaryFiles(folder.path()).empty());
+    try {
+        (void)document->writeOut("", {});
+        ADD_FAILURE() << "saved to nowhere";
+    } catch (const BrimError& error) {
+        EXPECT_EQ(std::string(error.what()), "no destination");
+    }
 }
 
 TEST(TextDocumentSaving, undoReachesAcrossAnOrdinarySave) {
