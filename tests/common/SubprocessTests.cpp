@@ -108,6 +108,21 @@ TEST(Subprocess, aTimeOutStopsTheWholeGroup) {
     EXPECT_TRUE(waitUntilGone(grandchild, 5s)) << "the background sleep outlived the time-out";
 }
 
+TEST(Subprocess, aBackgroundProcessHoldingThePipesDoesNotHoldTheCaller) {
+    Subprocess::Options options;
+    options.timeout = 20s;
+    options.gracePeriod = 200ms;
+    const auto started = Clock::now();
+    const auto result = runBash("sleep 30 & echo $!", options);
+    const auto elapsed = Clock::now() - started;
+    const std::string printed = text(result.output);
+    ASSERT_FALSE(printed.empty());
+    ::kill(static_cast<pid_t>(std::stol(printed)), SIGKILL);
+    EXPECT_TRUE(result.succeeded());
+    EXPECT_FALSE(result.timedOut);
+    EXPECT_LT(elapsed, 5s);
+}
+
 TEST(Subprocess, aChildThatIgnoresTermIsKilledAfterTheGracePeriod) {
     Subprocess::Options options;
     options.timeout = 200ms;
