@@ -33,7 +33,10 @@ bool TextDocument::startsNewUndoStep(std::span<const std::uint8_t> bytes, std::o
 
 void TextDocument::completeIndexForEditing() {
     // An edit needs exact line numbers: the first one of a partly indexed file pays for the rest.
-    if (table_->isPristine() && !table_->originalIndex().isComplete()) completeIndex();
+    if (!table_->isPristine() || table_->originalIndex().isComplete()) return;
+    if (auto extension = planIndexExtension(table_->originalIndex().byteCount(), editIndexingProgress)) {
+        table_->originalIndex().commit(std::move(*extension));
+    }
 }
 
 std::int64_t TextDocument::replaceBytes(ByteRange range, std::span<const std::uint8_t> bytes,

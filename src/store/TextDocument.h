@@ -223,6 +223,9 @@ public:
     std::function<void(const ExternalChange&)> onExternalChange;
     std::shared_ptr<FileWatcher> watcher;
     std::optional<LogInfo> logInfo;
+    /// Told how far the index has come while an edit waits for it (the first edit of a partly
+    /// indexed file), so the window can show the wait.
+    Progress editIndexingProgress;
 
     [[nodiscard]] const PieceTable& table() const { return *table_; }
     [[nodiscard]] LoadMode loadMode() const { return loadMode_; }

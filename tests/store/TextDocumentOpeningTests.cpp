@@ -85,8 +85,11 @@ TEST(TextDocumentOpening, aLargeFileIsIndexedOnlyThroughItsFirstMegabyte) {
     EXPECT_FALSE(document->ensureIndexedThroughLine(total, 1'000));
     EXPECT_TRUE(document->ensureIndexedThroughLine(100'010, 1'000'000));
 
-    // The first edit completes the index; the count is then exact.
+    // The first edit completes the index, telling how far it has come; the count is then exact.
+    double told = 0;
+    document->editIndexingProgress = [&](double fraction) { told = std::max(told, fraction); };
     document->replace({0, 0}, "x", 0, 1);
+    EXPECT_DOUBLE_EQ(told, 1.0);
     EXPECT_TRUE(document->table().originalIndex().isComplete());
     EXPECT_EQ(document->lineCount(), total + 1);
     EXPECT_EQ(document->lineText(0), "xline number 0");
@@ -201,6 +204,12 @@ TEST(TextDocumentOpening, emptyFilesGzipAndFilesThatAreNotThere) {
         ADD_FAILURE() << "a missing file opened";
     } catch (const BrimError& error) {
         EXPECT_EQ(std::string(error.what()), (folder / "missing.txt").string() + ": No such file or directory");
+    }
+    try {
+        (void)TextDocument::open(folder.path(), quiet());
+        ADD_FAILURE() << "a folder opened";
+    } catch (const BrimError& error) {
+        EXPECT_EQ(std::string(error.what()), folder.path().string() + ": Is a directory");
     }
 }
 
