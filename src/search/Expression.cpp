@@ -81,7 +81,7 @@ std::shared_ptr<const Expression> Expression::compile(std::string_view pattern, 
                                              flags | PCRE2_ANCHORED, &error, &errorOffset, again);
         pcre2_compile_context_free(again);
         if (anchored != nullptr) {
-            pcre2_jit_compile(anchored, PCRE2_JIT_COMPLETE);
+            expression->anchoredJitted_ = pcre2_jit_compile(anchored, PCRE2_JIT_COMPLETE) == 0;
             expression->anchoredCode_ = anchored;
             expression->prefix_.emplace(prefix, !options.caseSensitive);
         }
@@ -125,18 +125,24 @@ Expression::Outcome Expression::Matcher::find(std::span<const std::uint8_t> subj
     const auto* bytes = subject.empty() ? &nothing : subject.data();
     // Anchoring at match time would leave the JIT for the interpreter: use the anchored copy.
     pcre2_code* code = codeOf(expression_.code_);
+    bool jitted = expression_.jitted_;
     std::uint32_t options = 0;
     if (!edges.startsLine) options |= PCRE2_NOTBOL;
     if (!edges.endsText) options |= PCRE2_NOTEOL;
     if (anchored) {
         if (expression_.anchoredCode_ != nullptr) {
             code = codeOf(expression_.anchoredCode_);
+            jitted = expression_.anchoredJitted_;
         } else {
             options |= PCRE2_ANCHORED;
+            jitted = false;
         }
     }
+    // The JIT's own entry skips the checks the general one makes on every call; the subject is
+    // well-formed UTF-8 (a window repairs stray bytes first), which is what those checks are for.
     const int result =
-        pcre2_match(code, bytes, subject.size(), start, options, data, static_cast<pcre2_match_context*>(context_));
+        jitted ? pcre2_jit_match(code, bytes, subject.size(), start, options, data, static_cast<pcre2_match_context*>(context_))
+               : pcre2_match(code, bytes, subject.size(), start, options, data, static_cast<pcre2_match_context*>(context_));
     if (result == PCRE2_ERROR_NOMATCH || result == PCRE2_ERROR_PARTIAL) return Outcome::noMatch;
     if (result < 0) {
         // Every other failure is a limit: match, depth, heap or JIT stack. Bad UTF cannot come

@@ -107,6 +107,7 @@ private:
     void* code_ = nullptr;
     void* anchoredCode_ = nullptr;  // the same expression compiled anchored, for the prefix path
     bool jitted_ = false;
+    bool anchoredJitted_ = false;
     int captureCount_ = 0;
     std::optional<LiteralMatcher> prefix_;
 };
