@@ -7,53 +7,110 @@
 namespace brim {
 namespace {
 
-TEST(GitAttributes, parsesSettingUnsettingAndValues) {
-    const auto patterns = GitAttributes::parse("# comment\n\n*.txt text eol=crlf\n\"*.bin\" -text !diff\n!neg x\n", "/r");
-    ASSERT_EQ(patterns.size(), 3U);
-    EXPECT_EQ(patterns[0].glob, "*.txt");
-    EXPECT_EQ(patterns[0].attributes, (std::map<std::string, std::string>{{"text", "true"}, {"eol", "crlf"}}));
-    EXPECT_EQ(patterns[1].glob, "*.bin");
-    EXPECT_EQ(patterns[1].attributes, (std::map<std::string, std::string>{{"text", "false"}, {"diff", "unset"}}));
-    EXPECT_TRUE(patterns[2].isNegated);
+struct Expected {
+    Expected(std::optional<LineEnding> ending = std::nullopt, bool binary = false,
+             std::optional<std::string> charsetID = std::nullopt)
+        : lineEnding(ending), isBinary(binary), charset(std::move(charsetID)) {}
+    std::optional<LineEnding> lineEnding;
+    bool isBinary;
+    std::optional<std::string> charset;   ///< the set's id
+};
+
+void expectRules(const GitAttributes::Rules& rules, const Expected& expected) {
+    EXPECT_EQ(rules.lineEnding, expected.lineEnding);
+    EXPECT_EQ(rules.isBinary, expected.isBinary);
+    EXPECT_EQ(rules.charset ? std::optional(rules.charset->id) : std::nullopt, expected.charset);
 }
 
-TEST(GitAttributes, laterLinesAndCloserFilesWin) {
-    testing::TemporaryFolder folder;
-    folder.write("repo/.git/HEAD", "ref: refs/heads/main\n");
-    folder.write("repo/.gitattributes", "* eol=lf\n*.bat eol=crlf\n*.dat binary\n*.txt working-tree-encoding=UTF-16LE\n");
-    folder.write("repo/win/.gitattributes", "*.txt eol=crlf\n");
-    folder.write("outside/.gitattributes", "* eol=crlf\n");
+TEST(GitAttributes, parsesPatternsAndTheFourKindsOfAttribute) {
+    const auto patterns = GitAttributes::parse("# a comment\n\n  *.c   text eol=lf  \r\n"
+                                               "\"name with blanks.txt\" -diff !merge\n"
+                                               "!negated text\n"
+                                               "*.bin\tbinary\n",
+                                               "/repo");
+    ASSERT_EQ(patterns.size(), 4u);
+    EXPECT_EQ(patterns[0].glob, "*.c");
+    EXPECT_EQ(patterns[0].directory, "/repo");
+    EXPECT_EQ(patterns[0].attributes, (std::map<std::string, std::string>{{"text", "true"}, {"eol", "lf"}}));
+    EXPECT_EQ(patterns[1].glob, "name with blanks.txt");
+    EXPECT_EQ(patterns[1].attributes, (std::map<std::string, std::string>{{"diff", "false"}, {"merge", "unset"}}));
+    EXPECT_TRUE(patterns[2].isNegated);
+    EXPECT_EQ(patterns[2].glob, "negated");
+    EXPECT_EQ(patterns[3].attributes, (std::map<std::string, std::string>{{"binary", "true"}}));
+}
+
+TEST(GitAttributes, laterLinesWinAndTextFalseSilencesTheRest) {
+    const auto patterns = GitAttributes::parse("* text=auto eol=lf\n"
+                                               "*.bat text eol=crlf\n"
+                                               "*.png binary\n"
+                                               "*.dat -text eol=crlf\n"
+                                               "*.rc working-tree-encoding=UTF-16LE\n"
+                                               "*.jis working-tree-encoding=sjis\n"
+                                               "*.odd working-tree-encoding=klingon\n"
+                                               "docs/*.txt eol=crlf\n"
+                                               "!*.md eol=crlf\n",
+                                               "/repo");
     struct Case {
-        const char* path;
-        std::optional<LineEnding> ending;
-        bool binary;
-        std::optional<TextEncoding> charset;
+        std::string path;
+        Expected expected;
     };
-    const std::vector<Case> cases = {
-        {"repo/a.c", LineEnding::lf, false, std::nullopt},
-        {"repo/run.bat", LineEnding::crlf, false, std::nullopt},
-        {"repo/blob.dat", LineEnding::lf, true, std::nullopt},
-        {"repo/win/notes.txt", LineEnding::crlf, false, TextEncoding::utf16le()},
-        {"repo/deep/er/x.bat", LineEnding::crlf, false, std::nullopt},
+    const Case cases[] = {
+        {"/repo/src/main.c", {LineEnding::lf}},
+        {"/repo/deep/run.bat", {LineEnding::crlf}},
+        {"/repo/logo.png", {LineEnding::lf, true}},
+        {"/repo/blob.dat", {std::nullopt, true}},
+        {"/repo/app.rc", {LineEnding::lf, false, "utf16le"}},
+        {"/repo/old.jis", {LineEnding::lf, false, TextEncoding::shiftJIS().id}},
+        {"/repo/what.odd", {LineEnding::lf}},
+        {"/repo/docs/a.txt", {LineEnding::crlf}},
+        {"/repo/other/docs/a.txt", {LineEnding::lf}},   // anchored to the file's folder
+        {"/repo/README.md", {LineEnding::lf}},           // a negated pattern is ignored
+        {"/elsewhere/x.bat", {}},                        // outside the folder nothing matches
     };
-    for (const auto& c : cases) {
+    for (const Case& c : cases) {
         SCOPED_TRACE(c.path);
-        const auto rules = GitAttributes::rules(folder / c.path);
-        EXPECT_EQ(rules.lineEnding, c.ending);
-        EXPECT_EQ(rules.isBinary, c.binary);
-        EXPECT_EQ(rules.charset, c.charset);
+        expectRules(GitAttributes::resolve(patterns, c.path), c.expected);
+    }
+    expectRules(GitAttributes::resolve({}, "/repo/any.c"), {});
+}
+
+TEST(GitAttributes, namesOfCharacterSets) {
+    struct Case {
+        std::string_view name;
+        std::optional<std::string> id;
+    };
+    const Case cases[] = {
+        {"utf-8", TextEncoding::utf8().id},       {"UTF_16", TextEncoding::utf16be().id},
+        {"utf16le", TextEncoding::utf16le().id},  {"UTF-32BE", TextEncoding::utf32be().id},
+        {"iso-8859-1", TextEncoding::latin1().id}, {"Windows-1252", TextEncoding::cp1252().id},
+        {"Shift_JIS", TextEncoding::shiftJIS().id}, {"ebcdic", std::nullopt}, {"", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto found = GitAttributes::encodingNamed(c.name);
+        EXPECT_EQ(found ? std::optional(found->id) : std::nullopt, c.id);
     }
 }
 
-TEST(GitAttributes, textFalseSilencesEndingAndCharset) {
-    const auto patterns = GitAttributes::parse("*.x -text eol=crlf working-tree-encoding=latin1\n", "/r");
-    const auto rules = GitAttributes::resolve(patterns, "/r/a.x");
-    EXPECT_TRUE(rules.isBinary);
-    EXPECT_FALSE(rules.lineEnding);
-    EXPECT_FALSE(rules.charset);
-    EXPECT_EQ(GitAttributes::encodingNamed("iso-8859-1"), TextEncoding::latin1());
-    EXPECT_EQ(GitAttributes::encodingNamed("Shift_JIS"), TextEncoding::shiftJIS());
-    EXPECT_FALSE(GitAttributes::encodingNamed("klingon"));
+TEST(GitAttributes, closerFilesWinUpToTheRepositoryRoot) {
+    testing::TemporaryFolder folder;
+    folder.write(".gitattributes", "*.txt eol=crlf\n");               // above the repository: not read
+    folder.write("repo/.git/HEAD", "ref: refs/heads/main\n");
+    folder.write("repo/.gitattributes", "*.txt eol=lf\n*.cfg eol=lf\n");
+    folder.write("repo/sub/.gitattributes", "*.txt eol=crlf\n");
+    folder.write("repo/sub/deeper/file.txt", "x\n");
+    folder.write("repo/top.txt", "x\n");
+    expectRules(GitAttributes::rules(folder / "repo/sub/deeper/file.txt"), {LineEnding::crlf});
+    expectRules(GitAttributes::rules(folder / "repo/sub/deeper/file.cfg"), {LineEnding::lf});
+    expectRules(GitAttributes::rules(folder / "repo/top.txt"), {LineEnding::lf});
+
+    // The repository's own attributes override the tree's.
+    folder.write("repo/.git/info/attributes", "top.txt -text\n");
+    expectRules(GitAttributes::rules(folder / "repo/top.txt"), {std::nullopt, true});
+
+    // A repository that says nothing decides nothing.
+    folder.write("bare/.git/HEAD", "ref: refs/heads/main\n");
+    expectRules(GitAttributes::rules(folder / "bare/file.txt"), {});
 }
 
 } // namespace
