@@ -122,24 +122,34 @@ std::span<const std::uint8_t> resynchronised(std::span<const std::uint8_t> piece
 }
 
 // Strict decoding of one piece, retrying with up to three bytes dropped at a cut end, and at a cut start.
-std::optional<std::u32string> decodePiece(std::span<const std::uint8_t> piece, const TextEncoding& encoding,
+std::optional<std::u16string> decodePiece(std::span<const std::uint8_t> piece, const TextEncoding& encoding,
                                           bool cutAtStart) {
     for (std::size_t front = 0; front <= (cutAtStart ? 3u : 0u) && front < piece.size() + 1; ++front) {
         const auto rest = piece.subspan(std::min(front, piece.size()));
         for (std::size_t drop = 0; drop <= 3 && drop <= rest.size(); ++drop) {
-            if (const auto text = encoding.decodeStrictly(rest.first(rest.size() - drop))) {
-                return UnicodeText::toScalars(*text);
-            }
+            if (auto text = encoding.decodeStrictly(rest.first(rest.size() - drop))) return text;
         }
     }
     return std::nullopt;
 }
 
-// The sample as one set reads it, piece by piece, or absent when a piece cannot be read.
-std::optional<std::u32string> decodeSample(const Sample& sample, const TextEncoding& encoding) {
+// The first `limit` scalars of the sample as one set reads it, or absent when any piece of it cannot
+// be read: every byte is checked, but only the start is kept, since the profiles look no further.
+std::optional<std::u32string> decodeSample(const Sample& sample, const TextEncoding& encoding, std::size_t limit) {
     const std::span<const std::uint8_t> all(sample.bytes);
-    if (sample.joins.empty()) return decodePiece(all, encoding, false);
     std::u32string text;
+    auto keep = [&](const std::u16string& piece) {
+        if (text.size() >= limit) return;
+        if (!text.empty()) text.push_back(U'\n');
+        const std::u32string scalars = UnicodeText::toScalars(std::u16string_view(piece).substr(0, 2 * limit));
+        text.append(scalars, 0, std::min(scalars.size(), limit - std::min(limit, text.size())));
+    };
+    if (sample.joins.empty()) {
+        const auto decoded = decodePiece(all, encoding, false);
+        if (!decoded) return std::nullopt;
+        keep(*decoded);
+        return text;
+    }
     std::size_t start = 0;
     for (std::size_t j = 0; j <= sample.joins.size(); ++j) {
         const std::size_t end = j < sample.joins.size() ? sample.joins[j] : all.size();
@@ -148,8 +158,7 @@ std::optional<std::u32string> decodeSample(const Sample& sample, const TextEncod
         const auto piece = resynchronised(all.subspan(start, end - start), cutAtStart, cutAtEnd);
         const auto decoded = decodePiece(piece, encoding, cutAtStart);
         if (!decoded) return std::nullopt;
-        if (!text.empty()) text.push_back(U'\n');
-        text += *decoded;
+        keep(*decoded);
         start = end;
     }
     return text;
@@ -160,12 +169,13 @@ std::optional<EncodingDetection> bestCJK(const Sample& sample, const std::vector
     double bestScore = 0;
     double bestShare = 0;
     for (const auto& candidate : candidates) {
-        const auto text = decodeSample(sample, candidate.encoding);
+        // The cheap test on the bytes first: a set that reads them as rare characters needs no decoding.
+        if (readsAsRareCharacters(sample.bytes, candidate.encoding)) continue;
+        const auto text = decodeSample(sample, candidate.encoding, profileScalars);
         if (!text) continue;
         const Profile shares = profile(*text);
         if (shares.cjk <= 0.05) continue;
         if (breaksLatinWords(*text)) continue;
-        if (readsAsRareCharacters(sample.bytes, candidate.encoding)) continue;
         // Kana speak for Japanese only: GB 2312 and KS X 1001 hold the kana at the same codes as JIS X
         // 0208, so Japanese read as Chinese keeps every kana and must not be rewarded for them.
         double value = shares.cjk - shares.halfwidth;

@@ -204,6 +204,25 @@ bool contains(std::span<const char32_t> set, char32_t c) { return std::find(set.
 
 // MARK: grapheme clusters
 
+// The grapheme break class of a scalar, and whether it is a pictograph (the top bit), kept for the
+// scalars below U+3000.
+constexpr std::uint8_t pictographBit = 0x80;
+
+std::uint8_t breakProperties(char32_t c) {
+    const auto scalar = static_cast<UChar32>(c);
+    const auto kind = static_cast<std::uint8_t>(u_getIntPropertyValue(scalar, UCHAR_GRAPHEME_CLUSTER_BREAK));
+    return static_cast<std::uint8_t>(kind | (u_hasBinaryProperty(scalar, UCHAR_EXTENDED_PICTOGRAPHIC) ? pictographBit : 0));
+}
+
+std::uint8_t graphemeProperties(char32_t c) {
+    static const std::vector<std::uint8_t> table = [] {
+        std::vector<std::uint8_t> built(0x3000);
+        for (char32_t scalar = 0; scalar < built.size(); ++scalar) built[scalar] = breakProperties(scalar);
+        return built;
+    }();
+    return c < table.size() ? table[c] : breakProperties(c);
+}
+
 // Where each cluster begins: extended grapheme clusters as far as a score needs them (marks, joiners
 // and spacing marks stay with their base, CR LF is one, Hangul jamo join, flags pair).
 std::vector<std::uint32_t> clusterStarts(std::u32string_view text) {
@@ -215,12 +234,9 @@ std::vector<std::uint32_t> clusterStarts(std::u32string_view text) {
     int regionalCount = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char32_t c = text[i];
-        int kind = U_GCB_OTHER;
-        if (c >= 0x20 && c < 0x7F) {
-            kind = U_GCB_OTHER;
-        } else {
-            kind = u_getIntPropertyValue(static_cast<UChar32>(c), UCHAR_GRAPHEME_CLUSTER_BREAK);
-        }
+        const std::uint8_t breakFlags = graphemeProperties(c);
+        const int kind = breakFlags & static_cast<std::uint8_t>(~pictographBit);
+        const bool pictographic = (breakFlags & pictographBit) != 0;
         bool join = false;
         if (i > 0) {
             const int p = previousBreak;
@@ -238,14 +254,13 @@ std::vector<std::uint32_t> clusterStarts(std::u32string_view text) {
                 join = true;
             } else if (kind == U_GCB_EXTEND || kind == U_GCB_ZWJ || kind == U_GCB_SPACING_MARK || p == U_GCB_PREPEND) {
                 join = true;
-            } else if (afterPictographicJoiner && u_hasBinaryProperty(static_cast<UChar32>(c), UCHAR_EXTENDED_PICTOGRAPHIC)) {
+            } else if (afterPictographicJoiner && pictographic) {
                 join = true;
             } else if (p == U_GCB_REGIONAL_INDICATOR && kind == U_GCB_REGIONAL_INDICATOR && regionalCount % 2 == 1) {
                 join = true;
             }
         }
         if (!join) starts.push_back(static_cast<std::uint32_t>(i));
-        const bool pictographic = u_hasBinaryProperty(static_cast<UChar32>(c), UCHAR_EXTENDED_PICTOGRAPHIC);
         if (!join) pictographicRun = pictographic;
         afterPictographicJoiner = pictographicRun && kind == U_GCB_ZWJ;
         if (kind != U_GCB_EXTEND && kind != U_GCB_ZWJ && !pictographic) pictographicRun = false;
@@ -266,24 +281,40 @@ struct Character {
     Script script = Script::none;
 };
 
+// The properties the scorer asks of a scalar, kept for the ones below U+3000 (every single-byte set's
+// characters) so that scoring forty readings asks ICU once per scalar per process, not per character.
+enum PropertyFlag : std::uint8_t { isLetter = 1, isLower = 2, isUpper = 4, isSpaceOrPunctuation = 8 };
+constexpr char32_t propertyTableSize = 0x3000;
+
+std::uint8_t propertiesFromICU(char32_t c) {
+    const auto scalar = static_cast<UChar32>(c);
+    const std::uint32_t mask = U_GET_GC_MASK(scalar);
+    std::uint8_t flags = 0;
+    if ((mask & U_GC_L_MASK) != 0) flags |= isLetter;
+    if (u_isULowercase(scalar)) flags |= isLower;
+    if (u_isUUppercase(scalar)) flags |= isUpper;
+    if (u_isUWhiteSpace(scalar) || (mask & U_GC_P_MASK) != 0) flags |= isSpaceOrPunctuation;
+    return flags;
+}
+
+std::uint8_t properties(char32_t c) {
+    static const std::vector<std::uint8_t> table = [] {
+        std::vector<std::uint8_t> built(propertyTableSize);
+        for (char32_t scalar = 0; scalar < propertyTableSize; ++scalar) built[scalar] = propertiesFromICU(scalar);
+        return built;
+    }();
+    return c < propertyTableSize ? table[c] : propertiesFromICU(c);
+}
+
 Character describe(std::u32string_view text, std::uint32_t start, std::uint32_t end) {
     Character c;
     c.first = text[start];
     c.length = end - start;
-    const auto scalar = static_cast<UChar32>(c.first);
-    if (c.first < 0x80) {
-        c.letter = (c.first >= 'a' && c.first <= 'z') || (c.first >= 'A' && c.first <= 'Z');
-        c.lower = c.first >= 'a' && c.first <= 'z';
-        c.upper = c.first >= 'A' && c.first <= 'Z';
-        c.spaceOrPunctuation = c.first == ' ' || c.first == '\t' || c.first == '\n' || c.first == '\r' ||
-                               c.first == 0x0B || c.first == 0x0C || (U_GET_GC_MASK(scalar) & U_GC_P_MASK) != 0;
-    } else {
-        const std::uint32_t mask = U_GET_GC_MASK(scalar);
-        c.letter = (mask & U_GC_L_MASK) != 0;
-        c.lower = u_isULowercase(scalar);
-        c.upper = u_isUUppercase(scalar);
-        c.spaceOrPunctuation = u_isUWhiteSpace(scalar) || (mask & U_GC_P_MASK) != 0;
-    }
+    const std::uint8_t flags = properties(c.first);
+    c.letter = (flags & isLetter) != 0;
+    c.lower = (flags & isLower) != 0;
+    c.upper = (flags & isUpper) != 0;
+    c.spaceOrPunctuation = (flags & isSpaceOrPunctuation) != 0;
     if (c.letter) {
         c.script = c.first < 0x370                      ? Script::latin
                    : c.first < 0x400                    ? Script::greek

@@ -1,3 +1,4 @@
+#include "charsets/EncodingDetector.h"
 #include "common/BrimError.h"
 #include "common/Localization.h"
 #include "entry/Commands.h"
@@ -74,6 +75,13 @@ int benchmarkCommand(Arguments arguments) {
     }
     printFigure("open", secondsSince(openStart), 3, "s");
     const auto source = document->backing();
+
+    // detect: the character set, from the samples detection reads.
+    const auto detectStart = Clock::now();
+    const EncodingDetection detection =
+        EncodingDetector::detect(*source, TextEncoding::cp1252(), std::filesystem::path(path).filename().string());
+    static_cast<void>(detection);
+    printFigure("detect", secondsSince(detectStart), 3, "s");
 
     // index: the rest of the line index, in one parallel pass, as the background would plan it.
     const auto indexStart = Clock::now();
