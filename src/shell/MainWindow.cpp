@@ -185,6 +185,7 @@ DocumentTab* MainWindow::addTab(DocumentTab* tab) {
         tabs_->setTabText(at, tab->displayName() + (dirty ? QStringLiteral(" •") : QString()));
         if (tab->view() != nullptr) {
             connect(tab->view(), &TextView::caretMoved, this, &MainWindow::updateStatus, Qt::UniqueConnection);
+            connect(tab->view(), &TextView::refused, this, &MainWindow::showRefusal, Qt::UniqueConnection);
         }
         if (tab == currentTab()) {
             updateStatus();
@@ -294,6 +295,11 @@ void MainWindow::updateTitle() {
     }
     setWindowTitle(tab->displayName() + QStringLiteral("[*] — Brim"));
     setWindowModified(tab->document() && tab->document()->isDirty());
+}
+
+void MainWindow::showRefusal(const QString& reason) {
+    lastRefusal_ = reason;
+    statusBar()->showMessage(reason, 6'000);
 }
 
 void MainWindow::showFailure(const QString& headline, const QString& message) {

@@ -70,6 +70,8 @@ public:
     [[nodiscard]] QString positionText() const;
     [[nodiscard]] QString noteText() const;
     [[nodiscard]] QString lineEndingText() const;
+    /// The last refusal of typing shown in the status bar.
+    [[nodiscard]] const QString& lastRefusal() const { return lastRefusal_; }
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -81,6 +83,7 @@ private:
     void updateStatus();
     void updateActivity();
     void updateTitle();
+    void showRefusal(const QString& reason);
     void showFailure(const QString& headline, const QString& message);
     [[nodiscard]] LossAnswer askAboutLoss(std::int64_t count, const std::vector<std::string>& examples,
                                           const TextEncoding& encoding);
@@ -95,6 +98,7 @@ private:
     QLabel* activityLabel_ = nullptr;
     QProgressBar* activityBar_ = nullptr;
     QPushButton* activityCancel_ = nullptr;
+    QString lastRefusal_;
     LossQuestion lossQuestion_;
     CloseQuestion closeQuestion_;
 };

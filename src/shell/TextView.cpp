@@ -1,5 +1,6 @@
 #include "shell/TextView.h"
 
+#include "common/Localization.h"
 #include "settings/Settings.h"
 #include "shell/ScrollMapping.h"
 #include "shell/TextNavigation.h"
@@ -348,16 +349,18 @@ void TextView::wheelEvent(QWheelEvent* event) {
 }
 
 void TextView::ensureCaretVisible() {
-    const std::int64_t caretLine = Nav::lineStartAtOrBefore(*document_, caret_);
-    if (caretLine < top_) {
-        top_ = caretLine;
-    } else {
-        const int fits = visibleRowCount();
-        const auto rows = rowsFrom(top_, fits);
-        const bool shown = std::any_of(rows.begin(), rows.end(), [&](const Row& row) { return row.start == caretLine; });
-        if (!shown) top_ = std::min(lastTop_, Nav::linesBack(*document_, caretLine, fits - 1));
+    const int fits = visibleRowCount();
+    const auto holdsCaret = [this](const Row& row) { return row.start <= caret_ && caret_ <= row.end; };
+    auto rows = rowsFrom(top_, fits);
+    auto found = std::find_if(rows.begin(), rows.end(), holdsCaret);
+    if (caret_ < top_ || found == rows.end()) {
+        const std::int64_t caretLine = Nav::lineStartAtOrBefore(*document_, caret_);
+        top_ = caret_ < top_ ? caretLine : std::min(lastTop_, Nav::linesBack(*document_, caretLine, fits - 1));
+        rows = rowsFrom(top_, fits);
+        found = std::find_if(rows.begin(), rows.end(), holdsCaret);
     }
-    const Row row = rowAt(caretLine, std::nullopt);
+    // The caret's column is counted from the start of the row that shows it.
+    const Row row = found != rows.end() ? *found : rowAt(Nav::lineStartAtOrBefore(*document_, caret_), std::nullopt);
     const auto cell = static_cast<std::int64_t>(xForOffset(row, caret_) / characterWidth_);
     const int cells = visibleCells();
     if (cell < horizontalCell_) horizontalCell_ = std::max<std::int64_t>(0, cell - cells / 4);
@@ -469,10 +472,15 @@ void TextView::replaceSelection(std::span<const std::uint8_t> bytes, bool coales
     }
     const ByteRange range = selection();
     if (range.empty() && bytes.empty()) return;
+    // Typing runs on into the last undo step only when it follows typing at the same place.
+    const bool joins = coalesce && range.empty() && typingEnd_ == range.lower &&
+                       typingGeneration_ == document_->editGeneration();
     editing_ = true;
     const std::int64_t after = document_->replaceBytes(range, bytes, caret_,
-                                                       range.lower + static_cast<std::int64_t>(bytes.size()), coalesce);
+                                                       range.lower + static_cast<std::int64_t>(bytes.size()), joins);
     editing_ = false;
+    typingEnd_ = coalesce ? std::optional<std::int64_t>(after) : std::nullopt;
+    typingGeneration_ = document_->editGeneration();
     desiredX_.reset();
     caret_ = anchor_ = after;
     recomputeLastTop();
@@ -482,6 +490,20 @@ void TextView::replaceSelection(std::span<const std::uint8_t> bytes, bool coales
 }
 
 void TextView::insertText(const QString& text) {
+    if (isReadOnly()) {
+        QApplication::beep();
+        return;
+    }
+    // A character the document's set cannot hold would be written as "?": refuse it rather than lose it.
+    const QByteArray utf8 = text.toUtf8();
+    const auto lost = document_->encoding.unwritable(std::string_view(utf8.constData(), static_cast<std::size_t>(utf8.size())), 1);
+    if (lost.count > 0) {
+        QApplication::beep();
+        emit refused(QString::fromStdString(L("%@ has no place for “%@”: save the file as UTF-8 to type it.",
+                                              document_->encoding.localisedName(),
+                                              lost.examples.empty() ? std::string("?") : lost.examples.front())));
+        return;
+    }
     QString normalised = text;
     normalised.replace(QStringLiteral("\r\n"), QStringLiteral("\n")).replace(QLatin1Char('\r'), QLatin1Char('\n'));
     if (document_->lineEnding == LineEnding::crlf && !document_->normalisedToLF) {

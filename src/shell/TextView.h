@@ -110,6 +110,8 @@ public:
 signals:
     void caretMoved();
     void edited();
+    /// Typing was refused; the text says why.
+    void refused(const QString& reason);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -164,6 +166,8 @@ private:
     std::int64_t caret_ = 0;
     std::int64_t anchor_ = 0;
     std::optional<double> desiredX_;   // kept across up and down moves
+    std::optional<std::int64_t> typingEnd_;   // where the last typing ended, for undo steps
+    std::int64_t typingGeneration_ = -1;
     bool readOnly_ = false;
     bool editing_ = false;             // our own edit is under way: the caret is ours to place
     bool syncingBars_ = false;

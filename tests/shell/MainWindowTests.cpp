@@ -65,13 +65,11 @@ TEST(MainWindow, opensTypesAndSavesTheBytes) {
 
 TEST(MainWindow, theLossQuestionDecidesWhatAnUnwritableSaveDoes) {
     const TemporaryFolder folder;
-    const auto path = folder.write("latin.txt", "caf\xE9\n");
+    const auto path = folder.write("mixed.txt", "caf\xC3\xA9 \xE2\x82\xAC \xC5\x91 \xE2\x82\xAC\n");
+    const auto latin = folder / "latin.txt";
     MainWindow window;
     DocumentTab* tab = openAndWait(window, path);
     ASSERT_NE(tab->document(), nullptr);
-    ASSERT_EQ(tab->document()->fileEncoding, TextEncoding::cp1252());
-    tab->view()->insertText(QString::fromUtf8("ő"));
-    const auto target = TextEncoding::cp1252();
     std::int64_t asked = 0;
     std::vector<std::string> examples;
     MainWindow::LossAnswer answer = MainWindow::LossAnswer::cancel;
@@ -80,17 +78,36 @@ TEST(MainWindow, theLossQuestionDecidesWhatAnUnwritableSaveDoes) {
         examples = shown;
         return answer;
     });
-    // Cancel: nothing written.
-    EXPECT_FALSE(saveAndWait(window, tab, {path, target, LineEnding::lf, false}));
-    EXPECT_EQ(asked, 1);
-    EXPECT_EQ(examples, std::vector<std::string>{"ő"});
-    EXPECT_EQ(readFile(path), "caf\xE9\n");
-    // Save as UTF-8: every character kept, and the document says UTF-8 now.
+    // "café € ő €" in ISO 8859-1 loses three characters. Cancel: nothing written.
+    EXPECT_FALSE(saveAndWait(window, tab, {latin, TextEncoding::latin1(), LineEnding::lf, false}));
+    EXPECT_EQ(asked, 3);
+    EXPECT_EQ(examples, (std::vector<std::string>{"\xE2\x82\xAC", "\xC5\x91"}));
+    EXPECT_FALSE(std::filesystem::exists(latin));
+    // Save as UTF-8: every character kept.
     answer = MainWindow::LossAnswer::saveAsUTF8;
-    ASSERT_TRUE(saveAndWait(window, tab, {path, target, LineEnding::lf, false}));
-    EXPECT_EQ(readFile(path), "\xC5\x91" "caf\xC3\xA9\n");
+    ASSERT_TRUE(saveAndWait(window, tab, {latin, TextEncoding::latin1(), LineEnding::lf, false}));
+    EXPECT_EQ(readFile(latin), readFile(path));
     EXPECT_EQ(tab->document()->fileEncoding, TextEncoding::utf8());
-    EXPECT_EQ(window.encodingText(), QStringLiteral("Unicode (UTF-8)"));
+    // Save with "?": the substitutes are accepted, and only the unwritable characters change.
+    answer = MainWindow::LossAnswer::saveWithSubstitutes;
+    const auto lossy = folder / "lossy.txt";
+    ASSERT_TRUE(saveAndWait(window, tab, {lossy, TextEncoding::cp1252(), LineEnding::lf, false}));
+    EXPECT_EQ(readFile(lossy), "caf\xE9 \x80 ? \x80\n");   // Windows-1252 has the euro, not ő
+    EXPECT_EQ(window.encodingText(), QString::fromStdString(TextEncoding::cp1252().localisedName()));
+}
+
+TEST(MainWindow, typingACharacterTheSetCannotHoldIsRefusedNotLost) {
+    const TemporaryFolder folder;
+    const auto path = folder.write("latin.txt", "caf\xE9\n");
+    MainWindow window;
+    DocumentTab* tab = openAndWait(window, path);
+    ASSERT_EQ(tab->document()->fileEncoding, TextEncoding::cp1252());
+    tab->view()->insertText(QString::fromUtf8("ő"));
+    EXPECT_FALSE(tab->document()->isDirty());
+    EXPECT_EQ(window.lastRefusal().toStdString(),
+              TextEncoding::cp1252().localisedName() + " has no place for “ő”: save the file as UTF-8 to type it.");
+    tab->view()->insertText(QString::fromUtf8("€"));
+    EXPECT_EQ(tab->document()->lineText(0), "\xE2\x82\xAC" "caf\xC3\xA9");
 }
 
 TEST(MainWindow, aFailedSaveSaysWhyAndKeepsTheDocument) {
@@ -157,8 +174,9 @@ TEST(MainWindow, theStatusBarSaysHowTheFileWasRead) {
     const TemporaryFolder folder;
     MainWindow window;
     openAndWait(window, folder.write("bom.txt", "\xEF\xBB\xBFhello\n"));
-    EXPECT_EQ(window.encodingText(), QStringLiteral("Unicode (UTF-8) + BOM"));
-    EXPECT_TRUE(window.detectionText().startsWith(QStringLiteral("Read as Unicode (UTF-8), ")));
+    const QString utf8 = QString::fromStdString(TextEncoding::utf8().localisedName());
+    EXPECT_EQ(window.encodingText(), utf8 + QStringLiteral(" + BOM"));
+    EXPECT_TRUE(window.detectionText().startsWith(QStringLiteral("Read as ") + utf8 + QStringLiteral(", ")));
 
     // A gzip file says what it was unpacked from.
     const std::string plain = "packed text\n";
@@ -182,7 +200,7 @@ TEST(MainWindow, theStatusBarSaysHowTheFileWasRead) {
     window.reopenWithEncoding(TextEncoding::latin2());
     EXPECT_EQ(latin->document()->fileEncoding, TextEncoding::latin2());
     EXPECT_EQ(latin->document()->detection.confidence, 1.0);
-    EXPECT_EQ(latin->document()->lineText(0), "na\xC3\xAFve");   // ï in Latin 2 as well
+    EXPECT_EQ(latin->document()->lineText(0), "na\xC4\x8Fve");   // byte EF is ď in Latin 2
     window.setLineEnding(LineEnding::crlf);
     EXPECT_EQ(window.lineEndingText(), QStringLiteral("CRLF"));
     EXPECT_TRUE(latin->document()->isDirty());
