@@ -20,8 +20,13 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
+# With no ARGS the window opens on README.md; without a display it says so instead of starting.
 run: build
-	@./$(BUILD)/Brim $(ARGS)
+	@if [ -n "$(ARGS)" ]; then ./$(BUILD)/Brim $(ARGS); \
+	elif [ -z "$$DISPLAY" ] && [ -z "$$WAYLAND_DISPLAY" ]; then \
+	  echo "make run: no display to show the window on (DISPLAY and WAYLAND_DISPLAY are unset)."; \
+	  echo "Run it from a desktop session, or try a terminal command: make run ARGS=--help"; exit 1; \
+	else ./$(BUILD)/Brim README.md; fi
 
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 900
