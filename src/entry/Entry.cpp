@@ -147,7 +147,12 @@ int run(std::vector<std::string> raw) {
     }
     if (first == "--cli") return commandClient(all);
     for (const auto& row : commandTable) {
-        if (first == row.option && count >= row.minimumCount) return row.run(all);
+        if (first == row.option && count >= row.minimumCount) {
+            const int status = row.run(all);
+            // A settings file that could not be read has been set aside; say so once.
+            if (const auto problem = Settings::shared().problem()) printError(*problem);
+            return status;
+        }
     }
     if (hasFlag(all, "--selftest")) return selftestCommand(all);
     if (first == "--fuzz") return fuzzCommand(all);

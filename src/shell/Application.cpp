@@ -3,10 +3,12 @@
 #include "common/Localization.h"
 #include "common/SerialQueue.h"
 #include "common/UserResources.h"
+#include "settings/Settings.h"
 #include "shell/MainWindow.h"
 
 #include <QApplication>
 #include <QIcon>
+#include <QMessageBox>
 
 #include <cstdio>
 #include <cstdlib>
@@ -64,6 +66,10 @@ int runApplication(const std::vector<std::string>& arguments) {
     for (const std::string& file : files) window.openFile(std::filesystem::absolute(file));
     if (files.empty()) window.newDocument();
     window.show();
+    // A settings file that could not be read has been set aside and the defaults stand: say so.
+    if (const auto problem = Settings::shared().problem()) {
+        QMessageBox::warning(&window, QStringLiteral("Brim"), QString::fromStdString(*problem));
+    }
     const int status = QApplication::exec();
     MainQueue::install(nullptr);
     return status;

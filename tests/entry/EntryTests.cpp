@@ -75,6 +75,23 @@ TEST(Entry, supportDirIsTakenFromAnywhereAndStaysInTheArguments) {
     EXPECT_TRUE(result.out.empty());
 }
 
+TEST(Entry, aSettingsFileThatCannotBeReadIsKeptAsideAndReported) {
+    testing::TemporaryFolder folder;
+    folder.write("config/Brim/settings.json", "{\"tabWidth\": 4,\n  oops\n");
+    const auto text = folder.write("plain.txt", "hello\n");
+    testing::ProcessOptions options;
+    options.environment["XDG_CONFIG_HOME"] = (folder / "config").string();
+    options.environment["LANG"] = "C.UTF-8";
+    options.environment["LANGUAGE"] = "";
+    const auto result = runBrim({"--encoding", text.string()}, options);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.out.find("plain.txt: "), std::string::npos) << result.out;
+    const auto settings = (folder / "config/Brim/settings.json").string();
+    EXPECT_EQ(result.err, "brim: The settings file " + settings + " is not valid JSON (line 2, column 3). It was kept as " +
+                              settings + ".bad and the defaults are in use.\n");
+    EXPECT_EQ(testing::readFile(settings + ".bad"), "{\"tabWidth\": 4,\n  oops\n");
+}
+
 TEST(Entry, aClosedStandardOutputDoesNotKillTheProcess) {
     testing::ProcessOptions options;
     options.closeStandardOutput = true;
