@@ -234,7 +234,7 @@ QString MainWindow::detectionText() const {
     if (tab == nullptr || !tab->document()) return {};
     const EncodingDetection& detection = tab->document()->detection;
     const auto percent = static_cast<std::int64_t>(std::lround(detection.confidence * 100));
-    return q(L("Read as %@, %@% sure: %@", detection.encoding.localisedName(), percent, detection.reason));
+    return q(L("Read as %@, %@%% sure: %@", detection.encoding.localisedName(), percent, detection.reason));
 }
 
 void MainWindow::updateStatus() {
