@@ -1,5 +1,7 @@
 #include "compare/GitChangeTracker.h"
 
+#include "compare/TrackedTextDocument.h"
+
 #include "common/SerialQueue.h"
 #include "compare/GitTestRepository.h"
 #include "support/TemporaryFolder.h"
@@ -152,6 +154,56 @@ TEST_F(GitChangeTrackerTest, marksFollowEditsAgainstHead) {
     EXPECT_EQ(tracker.hunks()[2], (GitHunk{Kind::removed, {7, 7}, {6, 8}}));
     EXPECT_EQ(tracker.hunkAt(7), tracker.hunks()[2]);
     EXPECT_EQ(tracker.headText(tracker.hunks()[2]), "line 6\nline 7\n");
+}
+
+TEST_F(GitChangeTrackerTest, anOpenTextDocumentsEditsMoveItsMarks) {
+    GitTestRepository repository;
+    const auto file = repository.write("notes.txt", numberedLines(10));
+    repository.commit("ten lines");
+    const auto document = TextDocument::open(file);
+    TrackedTextDocument tracked(document);
+    GitChangeTracker tracker(tracked, harness.options());
+    const auto observer = tracked.observe(tracker);
+    harness.settle();
+    EXPECT_TRUE(tracker.isTracked());
+    EXPECT_TRUE(tracker.hunks().empty());
+
+    const std::string text = numberedLines(10);
+    const auto at = static_cast<std::int64_t>(text.find("line 3"));
+    document->replace({at, at + 6}, "LINE 3", at, at + 6);
+    harness.settle();
+    EXPECT_EQ(tracker.hunks(), (std::vector<GitHunk>{{Kind::modified, {3, 4}, {3, 4}}}));
+    EXPECT_EQ(tracker.diffedGeneration(), tracked.editGeneration());
+
+    // A line typed above moves the mark at once, before the next diff.
+    document->replace({0, 0}, "new first line\n", 0, 15);
+    EXPECT_EQ(tracker.hunks(), (std::vector<GitHunk>{{Kind::modified, {4, 5}, {3, 4}}}));
+    harness.settle();
+    EXPECT_EQ(tracker.hunks(), (std::vector<GitHunk>{{Kind::added, {0, 1}, {0, 0}}, {Kind::modified, {4, 5}, {3, 4}}}));
+
+    // Undone, the text equals HEAD again and the marks go.
+    document->undo();
+    document->undo();
+    harness.settle();
+    EXPECT_TRUE(tracker.hunks().empty());
+}
+
+TEST_F(GitChangeTrackerTest, documentChangesReadAsTrackedLines) {
+    DocumentChange typing;
+    typing.oldLines = {5, 5};
+    EXPECT_EQ(TrackedTextDocument::trackedChange(typing).lines->insertedLines, 1);
+    DocumentChange newLine;
+    newLine.oldLines = {5, 5};
+    newLine.lineDelta = 1;
+    const auto lines = *TrackedTextDocument::trackedChange(newLine).lines;
+    EXPECT_EQ(lines.firstLine, 5);
+    EXPECT_EQ(lines.removedLines, 1);
+    EXPECT_EQ(lines.insertedLines, 2);
+    DocumentChange joined;
+    joined.oldLines = {2, 4};
+    joined.lineDelta = -2;
+    EXPECT_EQ(TrackedTextDocument::trackedChange(joined).lines->insertedLines, 1);
+    EXPECT_FALSE(TrackedTextDocument::trackedChange(DocumentChange::wholesale()).lines);
 }
 
 TEST_F(GitChangeTrackerTest, aResultForATextThatMovedOnIsDropped) {
