@@ -253,6 +253,8 @@ void peerExpression(benchmark::State& state, const char* pattern) {
                {"-c", pattern});
 }
 
+// A pattern whose lines form fewer than the filter's 1,000,000 separate stretches, so the whole
+// file is filtered and the counts compare.
 void peerLineFilter(benchmark::State& state, const char* pattern) {
     const SearchQuery query = makeQuery(pattern, false, true);
     besidePeer(state, [&](const ByteSource& source) { return LineFilter::matchingRuns(source, query).matchedLines; },
@@ -309,7 +311,7 @@ void registerAll() {
     benchmark::RegisterBenchmark("Peer/findLiteral/common", peerLiteral, "timeout")->UseManualTime()->Iterations(rounds)->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("Peer/regexPrefix", peerExpression, "needle_\\w+")->UseManualTime()->Iterations(rounds)->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("Peer/regexPrefix/common", peerExpression, "ERROR\\] \\w+")->UseManualTime()->Iterations(rounds)->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("Peer/lineFilter", peerLineFilter, "ERROR")->UseManualTime()->Iterations(rounds)->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("Peer/lineFilter", peerLineFilter, "ERROR] connection")->UseManualTime()->Iterations(rounds)->Unit(benchmark::kMillisecond);
     benchmark::RegisterBenchmark("Peer/lineFilter/firstScreen", firstScreen, "needle_xyzzy")->UseManualTime()->Iterations(1)->Unit(benchmark::kMillisecond);
 }
 

@@ -6,6 +6,9 @@
 #include "search/ExpressionSyntax.h"
 #include "search/SearchWindow.h"
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <deque>
@@ -336,11 +339,17 @@ private:
 };
 
 /// Tells the system that a mapped file is about to be read from front to back, and that jumps
-/// are the rule again afterwards.
+/// are the rule again afterwards, and reads ahead of the scan. Only for a file that is not in
+/// memory already: on one that is, the advice costs more than it brings (sequential advice also
+/// lets the system drop the pages behind the scan, so a second search would read the disk).
 class SequentialAdvice {
 public:
     explicit SequentialAdvice(const ByteSource& source) : mapped_(dynamic_cast<const MappedSource*>(&source)) {
-        if (mapped_ != nullptr) mapped_->adviseSequential(true);
+        if (mapped_ == nullptr || isResident(*mapped_)) {
+            mapped_ = nullptr;
+            return;
+        }
+        mapped_->adviseSequential(true);
     }
     ~SequentialAdvice() {
         if (mapped_ != nullptr) mapped_->adviseSequential(false);
@@ -353,6 +362,18 @@ public:
     }
 
 private:
+    /// Whether the first block of the file is in the page cache, as a sign for the rest.
+    static bool isResident(const MappedSource& source) {
+        const auto page = static_cast<std::int64_t>(::sysconf(_SC_PAGESIZE));
+        const std::int64_t length = std::min(source.readableCount(), blockSize);
+        if (length <= 0 || page <= 0) return true;
+        std::vector<unsigned char> pages(static_cast<std::size_t>((length + page - 1) / page));
+        if (::mincore(const_cast<std::uint8_t*>(source.base()), static_cast<std::size_t>(length), pages.data()) != 0) {
+            return true;
+        }
+        return std::all_of(pages.begin(), pages.end(), [](unsigned char flags) { return (flags & 1) != 0; });
+    }
+
     const MappedSource* mapped_;
 };
 

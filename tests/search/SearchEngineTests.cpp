@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,29 @@ TEST(SearchEngine, literalSearchAgreesWithANaiveSearchOnRandomText) {
                 ASSERT_EQ(findAllRanges(source, asExpression), expected);
             }
         }
+    }
+}
+
+TEST(SearchEngine, expressionsAgreeWithStdRegexOnRandomPatterns) {
+    // Patterns that never match empty, over text with line ends; "." stops at a line end in both.
+    std::mt19937 random(17);
+    const std::vector<std::string> atoms = {"a", "b", ".", "[ab]", "[^a\\n]", "c", "\\d", "\\s"};
+    const std::vector<std::string> quantifiers = {"", "", "*", "+", "?", "{1,2}"};
+    const std::string alphabet = "aabbc 1\n";
+    for (int round = 0; round < 200; ++round) {
+        std::string pattern = atoms[random() % atoms.size()];
+        const auto more = random() % 4;
+        for (unsigned i = 0; i < more; ++i) pattern += atoms[random() % atoms.size()] + quantifiers[random() % quantifiers.size()];
+        std::string text(random() % 300, ' ');
+        for (char& c : text) c = alphabet[random() % alphabet.size()];
+        SCOPED_TRACE(::testing::Message() << "round " << round << " pattern " << pattern);
+        std::vector<ByteRange> expected;
+        const std::regex reference(pattern);
+        for (auto it = std::sregex_iterator(text.begin(), text.end(), reference); it != std::sregex_iterator(); ++it) {
+            const auto start = static_cast<std::int64_t>(it->position());
+            expected.push_back({start, start + static_cast<std::int64_t>(it->length())});
+        }
+        ASSERT_EQ(findAllRanges(sourceOf(text), regex(pattern)), expected);
     }
 }
 
