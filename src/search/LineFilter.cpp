@@ -177,11 +177,19 @@ BlockResult scanBlock(SearchText text, const Plan& plan, Expression::Matcher* ma
         std::int64_t counted = 0;  // line ends before this offset are in `line`
         std::int64_t line = 0;
         // Records the line holding `at` and answers where the next line starts.
-        // `counted` always stands at the start of a line.
+        // `counted` always stands at the start of a line. Long gaps are counted with the byte
+        // store's block counter, short ones in one pass that also finds the line's start.
         const auto lineMatched = [&](std::int64_t at) {
-            const NewlineTally tally = tallyNewlines(data, counted, at);
-            line += tally.count;
-            const std::int64_t start = tally.last >= 0 ? tally.last + 1 : counted;
+            std::int64_t start = counted;
+            if (at - counted > 4'096) {
+                line += ByteScan::countNewlines(data + counted, at - counted);
+                const void* before = ::memrchr(data + counted, '\n', static_cast<std::size_t>(at - counted));
+                if (before != nullptr) start = static_cast<const std::uint8_t*>(before) - data + 1;
+            } else {
+                const NewlineTally tally = tallyNewlines(data, counted, at);
+                line += tally.count;
+                if (tally.last >= 0) start = tally.last + 1;
+            }
             const std::int64_t newline = ByteScan::firstNewline(data + at, size - at);
             const std::int64_t end = newline < 0 ? size : at + newline + 1;
             record(result.runs, line, {block.lower + start, block.lower + end});

@@ -138,6 +138,20 @@ LiteralMatcher::LiteralMatcher(std::string_view text, bool caseInsensitive, cons
     partnerUpper =
         caseInsensitiveASCII && isLower(partnerLower) ? static_cast<std::uint8_t>(partnerLower & 0xDF) : partnerLower;
 
+    // The third byte: farthest from both anchors.
+    std::size_t farthest = 0;
+    for (std::size_t i = 0; i < pattern.size(); ++i) {
+        const auto distance = [i](std::size_t anchor) { return i > anchor ? i - anchor : anchor - i; };
+        const std::size_t reach = std::min(distance(rareIndex), distance(partnerIndex));
+        if (reach > farthest) {
+            farthest = reach;
+            thirdIndex = i;
+        }
+    }
+    if (farthest == 0) thirdIndex = rareIndex;
+    thirdLower = byteAt(thirdIndex);
+    thirdUpper = caseInsensitiveASCII && isLower(thirdLower) ? static_cast<std::uint8_t>(thirdLower & 0xDF) : thirdLower;
+
     double share = 1;
     if (histogram != nullptr && rareLower == rareUpper) {
         std::int64_t total = 0;
@@ -176,6 +190,7 @@ LiteralMatcher::Scanner::Scanner(const LiteralMatcher& matcher, std::span<const 
     }
     lastStart_ = count_ - length;
     reach_ = std::max(matcher.rareIndex, matcher.partnerIndex);
+    laneReach_ = std::max(reach_, matcher.thirdIndex);
 }
 
 std::size_t LiteralMatcher::Scanner::next() {
@@ -274,28 +289,31 @@ void LiteralMatcher::Scanner::fillBySWAR() {
 #if defined(__x86_64__)
 namespace {
 
-/// The 64-lane candidate mask at `at` for both anchors in both cases: bit i is set when the
-/// anchors stand where a match at `at + i` would have them.
-__attribute__((target("avx2"), always_inline)) inline std::uint64_t candidateMaskAVX2(const std::uint8_t* at, std::size_t rare,
-                                                                 std::size_t partner, __m256i rareLower,
-                                                                 __m256i rareUpper, __m256i partnerLower,
-                                                                 __m256i partnerUpper) {
-    const auto* r = reinterpret_cast<const __m256i*>(at + rare);
-    const auto* p = reinterpret_cast<const __m256i*>(at + partner);
-    const __m256i r0 = _mm256_loadu_si256(r);
-    const __m256i r1 = _mm256_loadu_si256(r + 1);
-    const __m256i rare0 = _mm256_or_si256(_mm256_cmpeq_epi8(r0, rareLower), _mm256_cmpeq_epi8(r0, rareUpper));
-    const __m256i rare1 = _mm256_or_si256(_mm256_cmpeq_epi8(r1, rareLower), _mm256_cmpeq_epi8(r1, rareUpper));
-    if (_mm256_testz_si256(_mm256_or_si256(rare0, rare1), _mm256_or_si256(rare0, rare1)) != 0) return 0;
-    const __m256i p0 = _mm256_loadu_si256(p);
-    const __m256i p1 = _mm256_loadu_si256(p + 1);
-    const __m256i both0 =
-        _mm256_and_si256(rare0, _mm256_or_si256(_mm256_cmpeq_epi8(p0, partnerLower), _mm256_cmpeq_epi8(p0, partnerUpper)));
-    const __m256i both1 =
-        _mm256_and_si256(rare1, _mm256_or_si256(_mm256_cmpeq_epi8(p1, partnerLower), _mm256_cmpeq_epi8(p1, partnerUpper)));
-    const auto low = static_cast<std::uint32_t>(_mm256_movemask_epi8(both0));
-    const auto high = static_cast<std::uint32_t>(_mm256_movemask_epi8(both1));
-    return static_cast<std::uint64_t>(low) | (static_cast<std::uint64_t>(high) << 32);
+/// One anchor over 32 lanes: where the byte at `at + offset + lane` is `lower` or `upper`.
+template <bool folded>
+__attribute__((target("avx2"), always_inline)) inline __m256i anchorAVX2(const std::uint8_t* at, __m256i lower,
+                                                                        __m256i upper) {
+    const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+    const __m256i hit = _mm256_cmpeq_epi8(bytes, lower);
+    if constexpr (folded) return _mm256_or_si256(hit, _mm256_cmpeq_epi8(bytes, upper));
+    return hit;
+}
+
+/// The 64-lane candidate mask at `at`: bit i is set when all three chosen bytes stand where a
+/// match at `at + i` would have them. No branch: a lane with a rare byte but no match costs the
+/// same as one without, so the loop never guesses wrong.
+template <bool folded>
+__attribute__((target("avx2"), always_inline)) inline std::uint64_t candidateMaskAVX2(
+    const std::uint8_t* at, std::size_t rare, std::size_t partner, std::size_t third, const __m256i (&wanted)[6]) {
+    const __m256i low = _mm256_and_si256(
+        _mm256_and_si256(anchorAVX2<folded>(at + rare, wanted[0], wanted[1]), anchorAVX2<folded>(at + partner, wanted[2], wanted[3])),
+        anchorAVX2<folded>(at + third, wanted[4], wanted[5]));
+    const __m256i high = _mm256_and_si256(_mm256_and_si256(anchorAVX2<folded>(at + rare + 32, wanted[0], wanted[1]),
+                                                           anchorAVX2<folded>(at + partner + 32, wanted[2], wanted[3])),
+                                          anchorAVX2<folded>(at + third + 32, wanted[4], wanted[5]));
+    const auto lowLanes = static_cast<std::uint32_t>(_mm256_movemask_epi8(low));
+    const auto highLanes = static_cast<std::uint32_t>(_mm256_movemask_epi8(high));
+    return static_cast<std::uint64_t>(lowLanes) | (static_cast<std::uint64_t>(highLanes) << 32);
 }
 
 std::uint64_t candidateMaskSSE2(const std::uint8_t* at, std::size_t rare, std::size_t partner, __m128i rareLower,
@@ -318,40 +336,51 @@ std::uint64_t candidateMaskSSE2(const std::uint8_t* at, std::size_t rare, std::s
 #endif
 
 #if defined(__x86_64__)
-__attribute__((target("avx2"))) void LiteralMatcher::Scanner::fillByAVX2() {
-    // The loop keeps everything in registers: the cursor and the hit count are written back
-    // once, when a lane yields a confirmed start or the lanes run out.
-    const std::size_t rare = matcher_.rareIndex;
-    const std::size_t partner = matcher_.partnerIndex;
-    const std::uint8_t* const data = bytes_;
-    const std::size_t last = lastStart_;
-    const bool haveLanes = count_ >= reach_ + 64;
-    const std::size_t end = haveLanes ? std::min(count_ - reach_ - 64, last) : 0;
-    const auto toByte = [](std::uint8_t byte) { return static_cast<char>(byte); };
-    const __m256i rareLower = _mm256_set1_epi8(toByte(matcher_.rareLower));
-    const __m256i rareUpper = _mm256_set1_epi8(toByte(matcher_.rareUpper));
-    const __m256i partnerLower = _mm256_set1_epi8(toByte(matcher_.partnerLower));
-    const __m256i partnerUpper = _mm256_set1_epi8(toByte(matcher_.partnerUpper));
-    std::size_t position = position_;
-    std::size_t found = 0;
-    while (haveLanes && position <= end) {
-        std::uint64_t mask =
-            candidateMaskAVX2(data + position, rare, partner, rareLower, rareUpper, partnerLower, partnerUpper);
+namespace {
+
+/// The vector loop proper, in registers: returns the new cursor and how many starts it confirmed.
+template <bool folded>
+__attribute__((target("avx2"))) std::size_t scanLanesAVX2(const LiteralMatcher& matcher, const std::uint8_t* data,
+                                                          std::size_t position, std::size_t end, std::size_t last,
+                                                          std::size_t* hits, std::size_t& found) {
+    const __m256i wanted[6] = {_mm256_set1_epi8(static_cast<char>(matcher.rareLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.rareUpper)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.partnerLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.partnerUpper)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.thirdLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.thirdUpper))};
+    const std::size_t rare = matcher.rareIndex;
+    const std::size_t partner = matcher.partnerIndex;
+    const std::size_t third = matcher.thirdIndex;
+    while (position <= end) {
+        std::uint64_t mask = candidateMaskAVX2<folded>(data + position, rare, partner, third, wanted);
         if (mask != 0) {
             do {
                 const std::size_t candidate = position + static_cast<std::size_t>(std::countr_zero(mask));
-                if (candidate <= last && matcher_.matchesAt(data + candidate)) hits_[found++] = candidate;
+                if (candidate <= last && matcher.matchesAt(data + candidate)) hits[found++] = candidate;
                 mask &= mask - 1;
             } while (mask != 0);
-            if (found > 0) {
-                position_ = position + 64;
-                hitCount_ = found;
-                return;
-            }
+            if (found > 0) return position + 64;
         }
         position += 64;
     }
-    position_ = position;
+    return position;
+}
+
+} // namespace
+
+void LiteralMatcher::Scanner::fillByAVX2() {
+    const bool haveLanes = count_ >= laneReach_ + 64;
+    if (haveLanes) {
+        const std::size_t end = std::min(count_ - laneReach_ - 64, lastStart_);
+        const bool folded = matcher_.rareLower != matcher_.rareUpper || matcher_.partnerLower != matcher_.partnerUpper ||
+                            matcher_.thirdLower != matcher_.thirdUpper;
+        std::size_t found = 0;
+        position_ = folded ? scanLanesAVX2<true>(matcher_, bytes_, position_, end, lastStart_, hits_.data(), found)
+                           : scanLanesAVX2<false>(matcher_, bytes_, position_, end, lastStart_, hits_.data(), found);
+        hitCount_ = found;
+        if (found > 0) return;
+    }
     fillOneByOne(lastStart_);
 }
 #else

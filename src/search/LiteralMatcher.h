@@ -55,6 +55,11 @@ public:
     std::uint8_t rareUpper = 0;
     std::uint8_t partnerLower = 0;
     std::uint8_t partnerUpper = 0;
+    /// A third byte the vector lanes test where both anchors agree, before the whole pattern:
+    /// the one farthest from the anchors, which rarely shares their company by chance.
+    std::size_t thirdIndex = 0;
+    std::uint8_t thirdLower = 0;
+    std::uint8_t thirdUpper = 0;
     /// The rare anchor is under 0.8% of the sampled text, so `memchr` to it wins.
     bool rareIsVeryRare = false;
     /// Chosen from `rareIsVeryRare` and the machine: with a vector unit, `memchr` only for a rare
@@ -91,6 +96,7 @@ public:
         std::size_t count_;
         std::size_t lastStart_ = 0;  // the last position a match can start at
         std::size_t reach_ = 0;      // the larger anchor index: loads go this far past a position
+        std::size_t laneReach_ = 0;  // the same with the third byte, for the vector lanes
         std::size_t position_;       // where filling goes on
         std::array<std::size_t, 64> hits_{};  // a fill confirms at most 64 starts
         std::size_t hitCount_ = 0;
