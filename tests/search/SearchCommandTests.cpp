@@ -108,6 +108,13 @@ TEST(FindCommand, timesALiteralSearchOfTheWholeFile) {
     ASSERT_TRUE(std::regex_match(empty.out, parts, line)) << empty.out;
     EXPECT_EQ(parts[1], "0");
 
+    // The file is opened as a document: UTF-16 is searched in the text it holds, not in raw bytes.
+    std::string utf16 = "\xFF\xFE";
+    for (char c : std::string("a needle, another needle\n")) utf16 += std::string{c, '\0'};
+    const auto wide = runBrim({"--find", folder.write("wide.txt", utf16).string(), "needle"});
+    ASSERT_TRUE(std::regex_match(wide.out, parts, line)) << wide.out;
+    EXPECT_EQ(parts[1], "2");
+
     const auto missing = runBrim({"--find", (folder / "missing.txt").string(), "x"});
     EXPECT_EQ(missing.status, 1);
     EXPECT_EQ(missing.out, "");
