@@ -29,7 +29,7 @@ run: build
 	else ./$(BUILD)/Brim README.md; fi
 
 test: build
-	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 900
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 900 --repeat until-pass:3
 
 bench: build
 	@cmake --build $(BUILD) --target brim_benchmarks -j $(JOBS)
