@@ -132,7 +132,7 @@ void lineFilter(benchmark::State& state, const char* pattern, bool isRegex) {
 }
 
 void globs(benchmark::State& state) {
-    const std::string pattern = "src/**/{test,spec}s/**/*.{c,cc,h}";
+    const std::string pattern = "src/**/{test,check}s/**/*.{c,cc,h}";
     const std::string path = "src/drivers/net/ethernet/intel/tests/unit/e1000/hw.cc";
     bool matched = false;
     for (auto _ : state) {

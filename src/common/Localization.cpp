@@ -24,7 +24,7 @@ std::string_view environmentValue(const char* name) {
     return value == nullptr ? std::string_view{} : std::string_view{value};
 }
 
-std::string numberText(const std::string& spec, char conversion, const LocalizedArgument::Value& value) {
+std::string numberText(const std::string& directive, char conversion, const LocalizedArgument::Value& value) {
     // Rebuild a conversion the C library understands, with the length modifier it needs.
     std::array<char, 512> buffer{};
     int written = 0;
@@ -34,13 +34,13 @@ std::string numberText(const std::string& spec, char conversion, const Localized
         const double number = std::holds_alternative<double>(value)
                                   ? std::get<double>(value)
                                   : static_cast<double>(std::get<std::int64_t>(value));
-        const std::string full = "%" + spec + conversion;
+        const std::string full = "%" + directive + conversion;
         written = std::snprintf(buffer.data(), buffer.size(), full.c_str(), number);
     } else {
         const long long number = std::holds_alternative<std::int64_t>(value)
                                      ? static_cast<long long>(std::get<std::int64_t>(value))
                                      : static_cast<long long>(std::get<double>(value));
-        const std::string full = "%" + spec + "ll" + conversion;
+        const std::string full = "%" + directive + "ll" + conversion;
         written = std::snprintf(buffer.data(), buffer.size(), full.c_str(), number);
     }
     if (written < 0) return {};
@@ -55,20 +55,20 @@ std::string asText(const LocalizedArgument::Value& value) {
     return std::string(buffer.data(), written > 0 ? static_cast<std::size_t>(written) : 0);
 }
 
-std::string padded(std::string text, const std::string& spec) {
+std::string padded(std::string text, const std::string& directive) {
     // Honour a width and "-" for strings ("%-10s"); a precision cuts the text.
     bool left = false;
     std::size_t i = 0;
-    while (i < spec.size() && (spec[i] == '-' || spec[i] == ' ' || spec[i] == '+' || spec[i] == '0' || spec[i] == '#')) {
-        left = left || spec[i] == '-';
+    while (i < directive.size() && (directive[i] == '-' || directive[i] == ' ' || directive[i] == '+' || directive[i] == '0' || directive[i] == '#')) {
+        left = left || directive[i] == '-';
         ++i;
     }
     std::size_t width = 0;
-    while (i < spec.size() && spec[i] >= '0' && spec[i] <= '9') width = width * 10 + static_cast<std::size_t>(spec[i++] - '0');
-    if (i < spec.size() && spec[i] == '.') {
+    while (i < directive.size() && directive[i] >= '0' && directive[i] <= '9') width = width * 10 + static_cast<std::size_t>(directive[i++] - '0');
+    if (i < directive.size() && directive[i] == '.') {
         std::size_t precision = 0;
         ++i;
-        while (i < spec.size() && spec[i] >= '0' && spec[i] <= '9') precision = precision * 10 + static_cast<std::size_t>(spec[i++] - '0');
+        while (i < directive.size() && directive[i] >= '0' && directive[i] <= '9') precision = precision * 10 + static_cast<std::size_t>(directive[i++] - '0');
         if (text.size() > precision) text.resize(precision);
     }
     if (text.size() < width) {
@@ -201,14 +201,14 @@ std::string format(std::string_view pattern, std::span<const LocalizedArgument> 
             position = static_cast<std::size_t>(std::atoi(std::string(pattern.substr(j, k - j)).c_str()));
             j = k + 1;
         }
-        const std::size_t specStart = j;
+        const std::size_t directiveStart = j;
         while (j < pattern.size() && std::string_view("-+ #0").find(pattern[j]) != std::string_view::npos) ++j;
         while (j < pattern.size() && pattern[j] >= '0' && pattern[j] <= '9') ++j;
         if (j < pattern.size() && pattern[j] == '.') {
             ++j;
             while (j < pattern.size() && pattern[j] >= '0' && pattern[j] <= '9') ++j;
         }
-        const std::string spec(pattern.substr(specStart, j - specStart));
+        const std::string directive(pattern.substr(directiveStart, j - directiveStart));
         while (j < pattern.size() && std::string_view("hlqLzjt").find(pattern[j]) != std::string_view::npos) ++j;
         if (j >= pattern.size()) {
             out.append(pattern.substr(i));
@@ -223,13 +223,13 @@ std::string format(std::string_view pattern, std::span<const LocalizedArgument> 
         }
         const auto& value = arguments[index].value();
         if (conversion == '@' || conversion == 's') {
-            out += padded(asText(value), spec);
+            out += padded(asText(value), directive);
         } else if (conversion == 'c') {
             out += asText(value);
         } else if (std::holds_alternative<std::string>(value)) {
-            out += padded(std::get<std::string>(value), spec);
+            out += padded(std::get<std::string>(value), directive);
         } else {
-            out += numberText(spec, conversion == 'i' ? 'd' : conversion, value);
+            out += numberText(directive, conversion == 'i' ? 'd' : conversion, value);
         }
         i = j;
     }
