@@ -1,4 +1,5 @@
 #include "charsets/Charsets.h"
+#include "charsets/UnicodeText.h"
 #include "charsets/DoubleByteCodec.h"
 #include "charsets/TextEncoding.h"
 #include "charsets/Transcoder.h"
@@ -104,21 +105,7 @@ std::string utf8(std::u16string_view text) {
         if (scalar >= 0xD800 && scalar <= 0xDBFF && i + 1 < text.size()) {
             scalar = 0x10000 + ((scalar - 0xD800) << 10) + (text[++i] - 0xDC00u);
         }
-        if (scalar < 0x80) {
-            out.push_back(static_cast<char>(scalar));
-        } else if (scalar < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (scalar >> 6)));
-            out.push_back(static_cast<char>(0x80 | (scalar & 0x3F)));
-        } else if (scalar < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (scalar >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((scalar >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (scalar & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (scalar >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((scalar >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((scalar >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (scalar & 0x3F)));
-        }
+        UnicodeText::appendUTF8(out, scalar);
     }
     return out;
 }
