@@ -1,6 +1,7 @@
 #include "entry/Commands.h"
 
 #include "common/BrimError.h"
+#include "search/DocumentText.h"
 #include "search/SearchEngine.h"
 #include "store/TextDocument.h"
 
@@ -34,13 +35,15 @@ int findCommand(Arguments arguments) {
         printError("open failed");
         return 1;
     }
-    // A document just opened holds exactly its backing bytes: the file, or its UTF-8 working copy.
-    const ByteSource& source = *document->backing();
+    // The bytes the document holds (the file's own, or its UTF-8 working copy) in its set: the
+    // pattern is encoded into that set, and a match must begin where a character does.
+    const DocumentText text(*document);
+    const ByteSource& source = text.bytes();
     const auto opened = std::chrono::steady_clock::now();
 
     std::int64_t total = -1;
     try {
-        total = SearchEngine::findAll(source, query, 0, 8).total;
+        total = SearchEngine::findAll(text, query, 0, 8).total;
     } catch (const BrimError&) {
         total = -1;
     }

@@ -66,7 +66,8 @@ struct LineEdit {
 
 /// Hides lines of a document without changing it: the lines that contain a query, the lines
 /// that do not, and everything built from those. Pure functions over a document's bytes and
-/// runs of lines; the view keeps what it shows.
+/// runs of lines; the view keeps what it shows. A document is filtered through `DocumentText`,
+/// which gives its bytes with the character set they are in.
 namespace LineFilter {
 
 /// The most separate stretches a result holds; beyond it the scan stops with `reachedLimit`.

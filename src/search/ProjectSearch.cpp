@@ -1,10 +1,18 @@
 #include "search/ProjectSearch.h"
 
 #include "bytes/MemorySource.h"
+#include "charsets/EncodingDetector.h"
+#include "charsets/TextEncoding.h"
+#include "search/DocumentText.h"
+#include "search/SearchWindow.h"
+#include "store/TextDocument.h"
 #include "search/ExpressionSyntax.h"
 #include "search/SearchEngine.h"
 
 #include <fcntl.h>
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -51,6 +59,77 @@ bool readPrefix(int fd, std::uint8_t* into, std::size_t count, std::size_t& got)
     return true;
 }
 
+/// The options a project search opens a file with: read into memory up to 16 MiB, nothing
+/// detected that a search does not need.
+TextDocument::OpenOptions documentOptions() {
+    TextDocument::OpenOptions options;
+    options.mmapThreshold = 16'777'216;
+    options.indexStride = 4'096;
+    options.detectIndentation = false;
+    options.tabWidth = 4;
+    options.detectFieldWidths = false;
+    options.readProjectRules = false;
+    return options;
+}
+
+#if defined(__x86_64__)
+__attribute__((target("avx2"))) bool plainASCIIAVX2(std::span<const std::uint8_t> bytes, std::size_t& at) {
+    const __m256i vt = _mm256_set1_epi8(0x0B);
+    const __m256i two = _mm256_set1_epi8(2);
+    for (; at + 32 <= bytes.size(); at += 32) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(bytes.data() + at));
+        // VT, FF or CR: the byte less 0x0B is at most 2, unsigned.
+        const __m256i shifted = _mm256_sub_epi8(v, vt);
+        const __m256i controls = _mm256_cmpeq_epi8(_mm256_min_epu8(shifted, two), shifted);
+        if (_mm256_movemask_epi8(_mm256_or_si256(v, controls)) != 0) return false;
+    }
+    return true;
+}
+#endif
+
+/// Whether the bytes are ASCII with no VT, FF or CR: one pass, the common case of a project.
+bool plainASCII(std::span<const std::uint8_t> bytes) {
+    std::size_t at = 0;
+#if defined(__x86_64__)
+    static const bool avx2 = __builtin_cpu_supports("avx2") != 0;
+    if (avx2 && !plainASCIIAVX2(bytes, at)) return false;
+#endif
+    for (; at < bytes.size(); ++at) {
+        const std::uint8_t b = bytes[at];
+        if (b >= 0x80 || (b >= 0x0B && b <= 0x0D)) return false;
+    }
+    return true;
+}
+
+/// Whether a file reads the same as a document and as its bytes: well-formed UTF-8 (plain ASCII
+/// among it) whose name declares no other set and whose lines end in LF or CR LF alone, so the
+/// document would keep the bytes as they are. Most of a project is such, and is searched at once
+/// in the bytes already read.
+bool readsAsItIs(const std::filesystem::path& file, std::span<const std::uint8_t> bytes) {
+    if (plainASCII(bytes)) return TextEncoding::namedByFile(file.filename().string()) == nullptr;
+    const std::size_t firstHigh = UTF8::firstNonASCII(bytes);
+    if (firstHigh < bytes.size() && UTF8::firstInvalid(bytes.subspan(firstHigh)) != bytes.size() - firstHigh) return false;
+    // CR, VT and FF could make the document turn its line ends into LF; NEL, LS and PS too.
+    for (const std::uint8_t rare : {std::uint8_t{0x0D}, std::uint8_t{0x0B}, std::uint8_t{0x0C}}) {
+        const void* at = std::memchr(bytes.data(), rare, bytes.size());
+        if (at == nullptr) continue;
+        if (rare != 0x0D) return false;
+        // CR LF is kept as it is; any other CR is not.
+        const std::uint8_t* end = bytes.data() + bytes.size();
+        for (auto* cr = static_cast<const std::uint8_t*>(at); cr != nullptr;
+             cr = static_cast<const std::uint8_t*>(std::memchr(cr + 1, 0x0D, static_cast<std::size_t>(end - cr - 1)))) {
+            if (cr + 1 == end || cr[1] != 0x0A) return false;
+        }
+    }
+    if (firstHigh < bytes.size()) {
+        const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        for (const std::string_view rare : {std::string_view("\xC2\x85"), std::string_view("\xE2\x80\xA8"), std::string_view("\xE2\x80\xA9")}) {
+            if (text.find(rare, firstHigh) != std::string_view::npos) return false;
+        }
+    }
+    return TextEncoding::namedByFile(file.filename().string()) == nullptr;
+}
+
 } // namespace
 
 bool ProjectSearch::isProbablyText(const std::filesystem::path& file) {
@@ -88,18 +167,39 @@ ProjectSearch::FileOutcome ProjectSearch::examine(const std::filesystem::path& f
         return outcome;
     }
     bytes.resize(got);  // a file that shrank since the stat
-    if (bytes.empty() || std::memchr(bytes.data(), 0, std::min(bytes.size(), textSniff)) != nullptr) return outcome;
+    if (bytes.empty()) return outcome;
+    const std::span<const std::uint8_t> head(bytes.data(), std::min(bytes.size(), textSniff));
+    const bool hasNUL = std::memchr(head.data(), 0, head.size()) != nullptr;
+    // A NUL means binary, unless the file is text in UTF-16 or UTF-32, which is full of them.
+    if (hasNUL && !EncodingDetector::detectBOM(head) && !EncodingDetector::detectUTF16WithoutBOM(head)) return outcome;
 
     outcome.status = FileOutcome::Status::searched;
-    const FindAllResult found = SearchEngine::findAll(source, query, maxListedHits, 0, {}, isCancelled);
-    if (found.timedOut) outcome.status = FileOutcome::Status::timedOut;
-    if (found.total == 0) return outcome;
-    FileHit hit;
-    hit.url = file;
-    hit.total = found.total;
-    hit.results = SearchResultsView::build(source, found.matches, maxListedHits);
-    for (auto& row : hit.results) row.file = file;
-    outcome.hit = std::move(hit);
+    const auto finish = [&](SearchText text) {
+        const FindAllResult found = SearchEngine::findAll(text, query, maxListedHits, 0, {}, isCancelled);
+        if (found.timedOut) outcome.status = FileOutcome::Status::timedOut;
+        if (found.total == 0) return;
+        FileHit hit;
+        hit.url = file;
+        hit.total = found.total;
+        hit.results = SearchResultsView::build(text, found.matches, maxListedHits);
+        for (auto& row : hit.results) row.file = file;
+        outcome.hit = std::move(hit);
+    };
+    if (!hasNUL && readsAsItIs(file, bytes)) {
+        finish(source);
+        return outcome;
+    }
+
+    // Any other file is opened as a document, in its own character set: a file kept in its own
+    // bytes is searched in them, one in UTF-16 or with rare line ends through its UTF-8 copy.
+    std::shared_ptr<TextDocument> document;
+    try {
+        document = TextDocument::open(file, documentOptions());
+    } catch (const std::exception&) {
+        outcome.status = FileOutcome::Status::unreadable;
+        return outcome;
+    }
+    finish(DocumentText(*document));
     return outcome;
 }
 

@@ -58,9 +58,11 @@ public:
     ProjectSearch(const ProjectSearch&) = delete;
     ProjectSearch& operator=(const ProjectSearch&) = delete;
 
-    /// Searches one file: a regular file of 1 to 8 MiB whose first 8 KiB hold no NUL, read into
-    /// memory, its first 100 matches turned into rows with `file` set. Nothing for a file with no
-    /// match, one that is skipped, or a query that does not compile.
+    /// Searches one file: a regular file of 1 to 8 MiB whose first 8 KiB hold no NUL (unless it is
+    /// text in UTF-16 or UTF-32), read as a document in its own character set, its first 100
+    /// matches turned into rows with `file` set. A file in UTF-8 that a document would keep byte
+    /// for byte is searched in the bytes read, without opening it again. Nothing for a file with
+    /// no match, one that is skipped, or a query that does not compile.
     [[nodiscard]] static std::optional<FileHit> search(const std::filesystem::path& file, const SearchQuery& query,
                                                        const IsCancelled& isCancelled = {});
 

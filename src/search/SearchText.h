@@ -2,6 +2,7 @@
 
 #include "bytes/ByteSource.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -13,7 +14,8 @@ namespace brim {
 
 /// How a document's bytes stand for text when they are not UTF-8. A document in any other set is
 /// held either in a UTF-8 working copy or in its own ASCII-compatible bytes, so lines always end
-/// at 0x0A; this says the rest. The store fills it from the document's `TextEncoding`.
+/// at 0x0A; this says the rest. `searchEncoding` (search/DocumentText.h) makes it from a
+/// `TextEncoding`.
 struct SearchEncoding {
     /// The bytes of a UTF-8 text in this set; nothing when the set cannot hold all of it.
     std::function<std::optional<std::string>(std::string_view text)> encode;
@@ -25,6 +27,12 @@ struct SearchEncoding {
     /// The start of the character holding `offset`, for sets whose trailing bytes can look like
     /// leading ones (Shift-JIS, GB18030, Big5); empty for sets where every byte says what it is.
     std::function<std::int64_t(const ByteSource& source, std::int64_t offset)> characterStart;
+    /// The byte length of the character that starts at `bytes[at]` (at least 1, never past the
+    /// end), told by its first bytes; empty when every byte is a character of its own.
+    std::function<std::size_t(std::span<const std::uint8_t> bytes, std::size_t at)> characterLength;
+    /// Bytes below 0x80 that begin a character stand for themselves, as in ASCII, so a window can
+    /// keep them as they are and convert only the rest.
+    bool asciiCompatible = true;
 };
 
 /// What a search runs over: a document's bytes and, when they are not UTF-8, how to read them.

@@ -78,6 +78,12 @@ std::size_t asciiRun(const std::uint8_t* data, std::size_t from, std::size_t cou
     return i;
 }
 
+std::size_t firstNonASCII(std::span<const std::uint8_t> bytes) {
+    std::size_t i = asciiRun(bytes.data(), 0, bytes.size());
+    while (i < bytes.size() && bytes[i] < 0x80) ++i;
+    return i;
+}
+
 std::size_t firstInvalid(std::span<const std::uint8_t> bytes) {
     const std::size_t count = bytes.size();
     std::size_t i = 0;
@@ -132,9 +138,7 @@ std::string repaired(std::span<const std::uint8_t> bytes) {
 SearchWindow::SearchWindow(std::span<const std::uint8_t> bytes, std::int64_t start, const SearchEncoding* encoding)
     : bytes_(bytes), start_(start), encoding_(encoding), text_(bytes) {
     if (encoding_ != nullptr) {
-        copy_ = encoding_->decode(bytes);
-        text_ = std::span(reinterpret_cast<const std::uint8_t*>(copy_.data()), copy_.size());
-        converted_ = true;
+        convert();
         return;
     }
     std::size_t bad = UTF8::firstInvalid(bytes);
@@ -163,14 +167,29 @@ std::int64_t SearchWindow::sourceOffset(std::size_t textOffset) const {
     if (!converted_) return start_ + static_cast<std::int64_t>(textOffset);
     if (encoding_ != nullptr) {
         textOffset = std::min(textOffset, copy_.size());
-        if (textOffset < cursorText_) {
-            cursorText_ = 0;
-            cursorSource_ = 0;
+        if (stretches_.empty()) return start_;
+        const auto after = std::upper_bound(stretches_.begin(), stretches_.end(), textOffset,
+                                            [](std::size_t value, const Stretch& s) { return value < s.text; });
+        const auto index = static_cast<std::size_t>(after - stretches_.begin()) - 1;
+        const Stretch& stretch = stretches_[index];
+        const std::int64_t sourceEnd = stretchSourceEnd(index);
+        if (stretch.verbatim) return start_ + stretch.source + static_cast<std::int64_t>(textOffset - stretch.text);
+        if (!stretch.inStep) {
+            const std::string_view before(copy_.data() + stretch.text, textOffset - stretch.text);
+            return start_ + std::min(sourceEnd, stretch.source + encoding_->encodedLength(before));
         }
-        const std::string_view between(copy_.data() + cursorText_, textOffset - cursorText_);
-        cursorSource_ += encoding_->encodedLength(between);
-        cursorText_ = textOffset;
-        return start_ + std::min<std::int64_t>(cursorSource_, static_cast<std::int64_t>(bytes_.size()));
+        if (cursorStretch_ != index || textOffset < cursorText_) {
+            cursorStretch_ = index;
+            cursorText_ = stretch.text;
+            cursorSource_ = stretch.source;
+        }
+        // One character of the run for each scalar of its text.
+        while (cursorText_ < textOffset && cursorSource_ < sourceEnd) {
+            ++cursorText_;
+            while (cursorText_ < textOffset && (static_cast<std::uint8_t>(copy_[cursorText_]) & 0xC0) == 0x80) ++cursorText_;
+            cursorSource_ += static_cast<std::int64_t>(characterLength(static_cast<std::size_t>(cursorSource_)));
+        }
+        return start_ + std::min(cursorSource_, sourceEnd);
     }
     // The last anchor at or before the position. Anchors come in pairs around each replacement:
     // an odd index starts one, an even one resumes the plain bytes.
@@ -185,13 +204,87 @@ std::int64_t SearchWindow::sourceOffset(std::size_t textOffset) const {
 std::size_t SearchWindow::textOffset(std::int64_t sourceOffset) const {
     const std::int64_t relative = std::clamp<std::int64_t>(sourceOffset - start_, 0, static_cast<std::int64_t>(bytes_.size()));
     if (!converted_) return static_cast<std::size_t>(relative);
-    if (encoding_ != nullptr) return encoding_->decode(bytes_.first(static_cast<std::size_t>(relative))).size();
+    if (encoding_ != nullptr) {
+        if (stretches_.empty()) return 0;
+        const auto after = std::upper_bound(stretches_.begin(), stretches_.end(), relative,
+                                            [](std::int64_t value, const Stretch& s) { return value < s.source; });
+        const auto index = static_cast<std::size_t>(after - stretches_.begin()) - 1;
+        const Stretch& stretch = stretches_[index];
+        const std::size_t textEnd = stretchTextEnd(index);
+        if (stretch.verbatim) return stretch.text + static_cast<std::size_t>(relative - stretch.source);
+        if (!stretch.inStep) {
+            const auto before = bytes_.subspan(static_cast<std::size_t>(stretch.source),
+                                               static_cast<std::size_t>(relative - stretch.source));
+            return std::min(textEnd, stretch.text + encoding_->decode(before).size());
+        }
+        std::int64_t source = stretch.source;
+        std::size_t text = stretch.text;
+        while (source < relative && text < textEnd) {
+            source += static_cast<std::int64_t>(characterLength(static_cast<std::size_t>(source)));
+            ++text;
+            while (text < textEnd && (static_cast<std::uint8_t>(copy_[text]) & 0xC0) == 0x80) ++text;
+        }
+        return text;
+    }
     const auto after = std::upper_bound(anchors_.begin(), anchors_.end(), relative,
                                         [](std::int64_t value, const Anchor& anchor) { return value < anchor.source; });
     const auto index = static_cast<std::size_t>(after - anchors_.begin()) - 1;
     const Anchor& anchor = anchors_[index];
     if (index % 2 == 1 && relative > anchor.source) return anchors_[index + 1].text;  // inside a replaced stretch
     return anchor.text + static_cast<std::size_t>(relative - anchor.source);
+}
+
+std::size_t SearchWindow::characterLength(std::size_t at) const {
+    if (!encoding_->characterLength) return 1;
+    return std::clamp<std::size_t>(encoding_->characterLength(bytes_, at), 1, bytes_.size() - at);
+}
+
+std::size_t SearchWindow::stretchTextEnd(std::size_t index) const {
+    return index + 1 < stretches_.size() ? stretches_[index + 1].text : copy_.size();
+}
+
+std::int64_t SearchWindow::stretchSourceEnd(std::size_t index) const {
+    return index + 1 < stretches_.size() ? stretches_[index + 1].source : static_cast<std::int64_t>(bytes_.size());
+}
+
+void SearchWindow::convert() {
+    converted_ = true;
+    const std::size_t count = bytes_.size();
+    if (!encoding_->asciiCompatible) {
+        // Nothing can be kept as it is: the whole window is one run, measured by encoding.
+        copy_ = encoding_->decode(bytes_);
+        stretches_.push_back({0, 0, false, false});
+    } else {
+        copy_.reserve(count + count / 2);
+        std::size_t i = 0;
+        while (i < count) {
+            const std::size_t plainStart = i;
+            while (i < count) {
+                i = UTF8::asciiRun(bytes_.data(), i, count);
+                if (i >= count || bytes_[i] >= 0x80) break;
+                ++i;
+            }
+            if (i > plainStart) {
+                stretches_.push_back({copy_.size(), static_cast<std::int64_t>(plainStart), true, true});
+                copy_.append(reinterpret_cast<const char*>(bytes_.data() + plainStart), i - plainStart);
+            }
+            if (i >= count) break;
+            // Characters up to the next one below 0x80; a second byte below 0x80 belongs to its
+            // character, and so to the run.
+            const std::size_t runStart = i;
+            std::size_t characters = 0;
+            while (i < count && bytes_[i] >= 0x80) {
+                i += characterLength(i);
+                ++characters;
+            }
+            const std::string decoded = encoding_->decode(bytes_.subspan(runStart, i - runStart));
+            const auto scalars = static_cast<std::size_t>(std::count_if(
+                decoded.begin(), decoded.end(), [](char c) { return (static_cast<std::uint8_t>(c) & 0xC0) != 0x80; }));
+            stretches_.push_back({copy_.size(), static_cast<std::int64_t>(runStart), false, scalars == characters});
+            copy_ += decoded;
+        }
+    }
+    text_ = std::span(reinterpret_cast<const std::uint8_t*>(copy_.data()), copy_.size());
 }
 
 } // namespace brim

@@ -51,7 +51,25 @@ private:
     std::string copy_;
     bool converted_ = false;
     std::vector<Anchor> anchors_;
-    // The walk back for other sets: where the last answer left off.
+
+    /// Text in another set is cut into stretches: characters below 0x80, kept as they are, and
+    /// runs of other characters, each converted on its own. A run whose characters became as
+    /// many scalars goes in step with its bytes character by character; any other run (stray
+    /// bytes, a character read as several scalars) is measured by encoding its text.
+    struct Stretch {
+        std::size_t text;
+        std::int64_t source;  // relative to start_
+        bool verbatim;
+        bool inStep;
+    };
+    void convert();
+    [[nodiscard]] std::size_t characterLength(std::size_t at) const;
+    [[nodiscard]] std::size_t stretchTextEnd(std::size_t index) const;
+    [[nodiscard]] std::int64_t stretchSourceEnd(std::size_t index) const;
+    std::vector<Stretch> stretches_;
+    // Where the last answer inside a converted run left off, so that ascending questions walk
+    // each run once.
+    mutable std::size_t cursorStretch_ = static_cast<std::size_t>(-1);
     mutable std::size_t cursorText_ = 0;
     mutable std::int64_t cursorSource_ = 0;
 };
@@ -65,6 +83,9 @@ struct Step {
     bool valid = true;
 };
 [[nodiscard]] Step step(std::span<const std::uint8_t> bytes, std::size_t offset);
+
+/// The offset of the first byte of 0x80 or more, or the size when there is none.
+[[nodiscard]] std::size_t firstNonASCII(std::span<const std::uint8_t> bytes);
 
 /// The offset of the first byte that is not part of well-formed UTF-8, or the size when all is.
 [[nodiscard]] std::size_t firstInvalid(std::span<const std::uint8_t> bytes);

@@ -121,5 +121,42 @@ TEST(FindCommand, timesALiteralSearchOfTheWholeFile) {
     EXPECT_EQ(missing.err, "brim: open failed\n");
 }
 
+// Shift-JIS bytes of "アイ" (83 41 83 43) hold those of "Aイ" (41 83 43) across the two
+// characters; a search that goes by bytes alone counts it.
+const std::string sjisAI = "\x83\x41\x83\x43";
+const std::string sjisAWithI = "\x41\x83\x43";
+
+TEST(GrepCommand, filesInOtherSetsAreSearchedInTheTextTheyHold) {
+    testing::TemporaryFolder folder;
+    const auto top = folder.write("readme.txt", "Aイ in UTF-8\n");
+    // The name says the set, so the test does not rest on detection.
+    folder.write("jp.shift_jis.txt", sjisAI + "\nx " + sjisAWithI + "\n");
+    std::string utf16 = "\xFF\xFE";
+    for (const char16_t unit : std::u16string(u"one\ntwo Aイ\n")) {
+        utf16 += static_cast<char>(unit & 0xFF);
+        utf16 += static_cast<char>(unit >> 8);
+    }
+    folder.write("wide.txt", utf16);
+    const auto result = runBrim({"--grep", top.string(), "Aイ", "--case"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.out.find("readme.txt:1:Aイ in UTF-8\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("jp.shift_jis.txt:2:x Aイ\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("wide.txt:2:two Aイ\n"), std::string::npos) << result.out;
+    EXPECT_EQ(result.err, "3 matches in 3 files, of 3 in the project.\n");
+
+    const auto expression = runBrim({"--grep", top.string(), "^x .イ$", "--regex", "--case"});
+    EXPECT_EQ(expression.out, "jp.shift_jis.txt:2:x Aイ\n");
+}
+
+TEST(FindCommand, aDoubleByteFileCountsOnlyMatchesThatBeginOnACharacter) {
+    testing::TemporaryFolder folder;
+    std::string text;
+    for (int i = 0; i < 1'000; ++i) text += sjisAI + " " + sjisAWithI + "\n";
+    const auto file = folder.write("many.sjis.txt", text);
+    const auto found = runBrim({"--find", file.string(), "Aイ", "--case"});
+    EXPECT_EQ(found.status, 0);
+    EXPECT_EQ(found.out.substr(0, found.out.find(' ')), "1000") << found.out;
+}
+
 } // namespace
 } // namespace brim
