@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <limits>
@@ -346,9 +345,7 @@ private:
 class SequentialAdvice {
 public:
     explicit SequentialAdvice(const ByteSource& source) : mapped_(dynamic_cast<const MappedSource*>(&source)) {
-        if (mapped_ == nullptr) return;
-        if (isResident(*mapped_)) {
-            resident_ = mapped_;
+        if (mapped_ == nullptr || isResident(*mapped_)) {
             mapped_ = nullptr;
             return;
         }
@@ -362,26 +359,6 @@ public:
 
     void prefetch(ByteRange range) const {
         if (mapped_ != nullptr) mapped_->prefetch(range);
-    }
-
-    /// Maps the pages of a block of a file in the page cache in one call, before it is scanned:
-    /// cheaper than taking the page faults one by one as the scan reaches them.
-    void populate(ByteRange range) const {
-#ifdef MADV_POPULATE_READ
-        if (resident_ == nullptr || populateOff()) return;
-        const ByteRange clamped = range.clampedTo(resident_->readableCount());
-        const auto page = static_cast<std::int64_t>(::sysconf(_SC_PAGESIZE));
-        if (clamped.empty() || page <= 0) return;
-        const std::int64_t start = clamped.lower / page * page;
-        ::madvise(const_cast<std::uint8_t*>(resident_->base()) + start, static_cast<std::size_t>(clamped.upper - start),
-                  MADV_POPULATE_READ);
-#else
-        (void)range;
-#endif
-    }
-    static bool populateOff() {
-        static const bool off = std::getenv("BRIM_NO_POPULATE") != nullptr;
-        return off;
     }
 
 private:
@@ -398,7 +375,6 @@ private:
     }
 
     const MappedSource* mapped_;
-    const MappedSource* resident_ = nullptr;
 };
 
 struct RunOptions {
@@ -505,7 +481,6 @@ RunEnd run(SearchText text, const Plan& plan, Collector& collector, const RunOpt
                 return;
             }
             if (plan.literal) {
-                advice.populate(piece.data);
                 into.end = scanLiteralPiece(text, plan, piece, piece.from, keep);
             } else {
                 auto matcher = pool.acquire();
