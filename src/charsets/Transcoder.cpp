@@ -22,6 +22,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <unordered_map>
+#include <utility>
 
 namespace brim::Transcoder {
 
@@ -594,13 +595,20 @@ public:
             useQuestionMark(set_.get());
             ucnv_setFromUCallBack(set_.get(), fromUnicodeCallback, &context_, nullptr, nullptr, &status);
             // Ill-formed UTF-8 reaches the set as U+FFFD, which is then counted if it cannot be written.
+            dropOpeningASCIIShift_ = ucnv_getType(set_.get()) == UCNV_HZ;
         }
     }
 
     void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        const std::size_t start = out.size();
         run(in, out, report, false);
+        dropOpeningShift(out, start);
     }
-    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override { run({}, out, report, true); }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        const std::size_t start = out.size();
+        run({}, out, report, true);
+        dropOpeningShift(out, start);
+    }
 
     [[nodiscard]] std::int64_t pending() const override {
         UErrorCode status = U_ZERO_ERROR;
@@ -611,6 +619,19 @@ public:
     [[nodiscard]] bool isAtCleanCut() const override { return !stateful_ && pending() == 0; }
 
 private:
+    /// HZ starts in ASCII, yet its converter opens every stream with "~}", the switch to ASCII. Left
+    /// out, so that a stretch written on its own (saving between checkpoints) is the same bytes as the
+    /// same stretch in the middle of the whole file.
+    void dropOpeningShift(std::vector<std::uint8_t>& out, std::size_t start) {
+        if (!dropOpeningASCIIShift_ || out.size() == start) {
+            return;
+        }
+        dropOpeningASCIIShift_ = false;
+        if (out.size() - start >= 2 && out[start] == '~' && out[start + 1] == '}') {
+            out.erase(out.begin() + static_cast<std::ptrdiff_t>(start), out.begin() + static_cast<std::ptrdiff_t>(start) + 2);
+        }
+    }
+
     void run(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report, bool flush) {
         context_.report = &report;
         context_.base = consumed_;
@@ -660,6 +681,7 @@ private:
     ConverterPointer utf8_;
     bool decoding_;
     bool stateful_;
+    bool dropOpeningASCIIShift_ = false;
     ICUCallbackContext context_;
     std::array<UChar, 8192> pivot_{};
     UChar* pivotSource_ = pivot_.data();
@@ -1835,6 +1857,164 @@ bool startsWith(const ByteSource& source, std::span<const std::uint8_t> prefix) 
     return std::equal(prefix.begin(), prefix.end(), head.begin(), head.end());
 }
 
+/// Follows the shift state of an ISO-2022 (Japanese or Chinese) or HZ file byte by byte, to find the
+/// places where a decoder started afresh would read the rest exactly as one that read everything
+/// before: just after a line feed read in ASCII, with no shift, escape or double-byte character open.
+/// There a checkpoint may stand: the stretch before it can be converted on its own and the stretch
+/// after it copied, and the other way round.
+///
+/// Line ends matter twice. The converters forget the designations of G1 and G2 at each line end (a line
+/// names again the sets it uses), so what was designated on an earlier line never reaches past a line
+/// feed; and a converter writing text starts and ends a line in ASCII, so at a line start one that
+/// wrote everything before is in the state a fresh one starts in. A line feed met in any other state
+/// (inside a double-byte run, after a shift out) is not a clean place, even though some readers reset
+/// there: this is never more generous than the converter that reads the file.
+class CleanCutFinder {
+public:
+    enum class Family : std::uint8_t { iso2022, hz };
+
+    explicit CleanCutFinder(Family family) : family_(family) {}
+
+    /// The finder for a set whose clean places can be found this way; none for every other set.
+    static std::optional<CleanCutFinder> forSet(const TextEncoding& encoding) {
+        if (encoding.stateful) {
+            return std::nullopt;
+        }
+        const std::string& name = encoding.converterName;
+        // ISO-2022-KR is left out: its converter writes a header at the start of every stream, so a
+        // stretch converted on its own would carry a second one into the middle of the file.
+        if (name.starts_with("ISO_2022,locale=ja") || name.starts_with("ISO_2022,locale=zh")) {
+            return CleanCutFinder(Family::iso2022);
+        }
+        if (name == "HZ") {
+            return CleanCutFinder(Family::hz);
+        }
+        return std::nullopt;
+    }
+
+    /// Reads on through `bytes`; returns the position in `bytes` after the last line feed there that
+    /// is a clean place, or none.
+    std::optional<std::size_t> feed(std::span<const std::uint8_t> bytes) {
+        std::optional<std::size_t> last;
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            if (family_ == Family::iso2022 ? stepISO2022(bytes[i]) : stepHZ(bytes[i])) {
+                last = i + 1;
+            }
+        }
+        return last;
+    }
+
+private:
+    /// One byte; true when it is a line feed that leaves a clean place after it.
+    bool stepISO2022(std::uint8_t byte) {
+        if (escape_ > 0) {
+            // ESC, intermediate bytes 0x20-0x2F, then one final byte.
+            if (byte >= 0x20 && byte <= 0x2F && escape_ < 4) {
+                sequence_[escape_++] = byte;
+                return false;
+            }
+            if (byte >= 0x30 && byte <= 0x7E) {
+                finishEscape(byte);
+            } else {
+                g0IsASCII_ = false;     // not an escape anyone reads the same way: no clean place
+            }
+            escape_ = 0;
+            return false;
+        }
+        if (singleShift_ > 0) {
+            --singleShift_;
+            return false;
+        }
+        switch (byte) {
+        case 0x1B:
+            escape_ = 1;
+            return false;
+        case 0x0E:
+            shiftedOut_ = true;
+            return false;
+        case 0x0F:
+            shiftedOut_ = false;
+            return false;
+        case 0x0A:
+            return g0IsASCII_ && !shiftedOut_;
+        default:
+            return false;
+        }
+    }
+
+    void finishEscape(std::uint8_t final) {
+        const std::uint8_t first = escape_ > 1 ? sequence_[1] : 0;
+        const std::uint8_t second = escape_ > 2 ? sequence_[2] : 0;
+        if (escape_ == 1 && (final == 'N' || final == 'O')) {
+            // A single shift: the next character, one byte (Japanese G2) or two (Chinese G2 and G3).
+            // Two are passed over either way; at worst a line feed right after a one-byte character
+            // is not taken as a clean place.
+            singleShift_ = 2;
+            return;
+        }
+        if (escape_ == 2 && first == '(') {
+            g0IsASCII_ = final == 'B';          // ESC ( B is ASCII; J (Roman) and I (katakana) are not
+        } else if ((escape_ == 2 && first == '$') || (escape_ == 3 && first == '$' && second == '(')) {
+            g0IsASCII_ = false;                 // a double-byte set into G0
+        }
+        // Designations into G1, G2 and G3 change nothing read before a shift out or a single shift,
+        // and the converters forget them at the line end.
+    }
+
+    /// HZ as its converter reads it: "~{" and "~}" switch between ASCII and pairs of GB 2312 bytes,
+    /// "~~" is a tilde and "~" with a line feed joins two lines. A byte that cannot continue what came
+    /// before but could start a character is read again as a start, as the converter does.
+    bool stepHZ(std::uint8_t byte) {
+        if (tilde_) {
+            tilde_ = false;
+            if (byte == '{' || byte == '}') {
+                inGB_ = byte == '{';
+                return false;
+            }
+            if (byte == '~' || byte == 0x0A) {
+                return false;   // a tilde, or a joined line: no line end
+            }
+            if (!(inGB_ ? byte >= 0x21 && byte <= 0x7E : byte <= 0x7F)) {
+                return false;
+            }
+        }
+        if (inGB_) {
+            if (lead_ >= 0) {
+                const int lead = std::exchange(lead_, -1);
+                const bool leadIsGood = lead >= 0x21 && lead <= 0x7D;
+                const bool trailIsGood = byte >= 0x21 && byte <= 0x7E;
+                if (leadIsGood || !trailIsGood) {
+                    return false;   // one pair, read or unreadable
+                }
+                // Only the first byte was unreadable: this one starts the next pair.
+            }
+            if (byte == '~') {
+                tilde_ = true;
+            } else {
+                lead_ = byte;
+            }
+            return false;
+        }
+        if (byte == '~') {
+            tilde_ = true;
+            return false;
+        }
+        return byte == 0x0A;
+    }
+
+    Family family_;
+    // ISO-2022
+    std::size_t escape_ = 0;            // bytes of an escape sequence read so far, ESC included
+    std::array<std::uint8_t, 4> sequence_{};
+    int singleShift_ = 0;               // bytes still to come of a single-shifted character
+    bool g0IsASCII_ = true;
+    bool shiftedOut_ = false;
+    // HZ
+    bool tilde_ = false;
+    bool inGB_ = false;
+    int lead_ = -1;                     // the first byte of a pair, or -1
+};
+
 /// Reads `source` in blocks from `start` and hands each to `body`; checks cancellation between blocks.
 /// Returns false when cancelled.
 template <typename Body>
@@ -1888,12 +2068,16 @@ TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEnco
         start = static_cast<std::int64_t>(from.bom().size());
     }
     BlockConverter converter(from, TextEncoding::utf8());
-    const bool stateful = isStatefulSet(from);
+    // A set with a shift state has checkpoints only where its state is provably the initial one; a set
+    // whose clean places cannot be found has none that can be used.
+    std::optional<CleanCutFinder> cleanCuts;
     if (options.checkpoints != nullptr) {
         options.checkpoints->add(0, start);
-        if (stateful) {
-            // A shift state may be in force at any block edge: no stretch can be copied on its own.
-            options.checkpoints->isUsable = false;
+        if (isStatefulSet(from)) {
+            cleanCuts = CleanCutFinder::forSet(from);
+            if (!cleanCuts) {
+                options.checkpoints->isUsable = false;
+            }
         }
     }
     std::vector<std::uint8_t> out;
@@ -1902,13 +2086,34 @@ TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEnco
             throw Failure::invalidInput(from, converter.report().firstInvalidOffset.value_or(0) + start);
         }
     };
-    const bool finished = forEachBlock(source, start, options, [&](std::span<const std::uint8_t> block, std::int64_t end) {
+    auto convert = [&](std::span<const std::uint8_t> bytes) {
         out.clear();
-        converter.convert(block, out);
+        converter.convert(bytes, out);
         check();
         writer.write(out);
-        if (options.checkpoints != nullptr && converter.isAtCleanCut()) {
-            options.checkpoints->add(writer.written(), end - converter.pending());
+    };
+    const bool finished = forEachBlock(source, start, options, [&](std::span<const std::uint8_t> block, std::int64_t end) {
+        if (!cleanCuts) {
+            convert(block);
+            if (options.checkpoints != nullptr && converter.isAtCleanCut()) {
+                options.checkpoints->add(writer.written(), end - converter.pending());
+            }
+            return;
+        }
+        // The block is converted in two parts, cut after its last clean line feed, so that the copy's
+        // offset of that place is known. The converter's state runs on across the cut unchanged.
+        const std::int64_t blockStart = end - static_cast<std::int64_t>(block.size());
+        const std::optional<std::size_t> cut = cleanCuts->feed(block);
+        if (!cut) {
+            convert(block);
+            return;
+        }
+        convert(block.first(*cut));
+        if (converter.pending() == 0) {
+            options.checkpoints->add(writer.written(), blockStart + static_cast<std::int64_t>(*cut));
+        }
+        if (*cut < block.size()) {
+            convert(block.subspan(*cut));
         }
     });
     TranscodeOutcome outcome;

@@ -44,8 +44,10 @@ private:
 struct Checkpoints {
     std::vector<std::uint32_t> copy;
     std::vector<std::uint32_t> file;
-    /// False once an offset passed 4 GiB, or for a set whose shift state makes a cut unsafe; the
-    /// pairs then stop growing and must not be used.
+    /// False once an offset passed 4 GiB, or for a set with a shift state whose clean places cannot be
+    /// told (ISO-2022-KR, ISCII, the codecs of our own); the pairs then stop growing and must not be
+    /// used. For ISO-2022 (Japanese, Chinese) and HZ, pairs stand only at line starts where the state
+    /// is the initial one, so a stretch between two pairs converts on its own to the same bytes.
     bool isUsable = true;
 
     /// Records a pair unless it equals the last one. Offsets past 32 bits make the record unusable.
@@ -181,7 +183,8 @@ struct TranscodeOutcome {
 
 /// Converts the whole of `source` from `from` into a new UTF-8 working copy, block by block, in memory
 /// bounded by the block size. Checkpoints, when asked for, pair file and copy offsets at each block
-/// edge that is a clean cut. Throws `Failure` when the copy cannot be made or written, or (without
+/// edge that is a clean cut (for a set with a shift state, at the last line start in each block where
+/// the state is the initial one). Throws `Failure` when the copy cannot be made or written, or (without
 /// `substituting`) at the first unreadable byte; the copy is then removed.
 [[nodiscard]] TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEncoding& from,
                                                       const TranscodeOptions& options = {});

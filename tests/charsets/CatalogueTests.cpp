@@ -617,8 +617,16 @@ TEST(Catalogue, statefulSetsReadWhatTheirConverterWrote) {
         const std::optional<Bytes> bytes = icuEncode(entry.converterName, holdable);
         ASSERT_TRUE(bytes);
         EXPECT_EQ(units(ourDecode(encoding, *bytes)), units(icuDecode(entry.converterName, *bytes)));
-        // Written in one go, the bytes are ICU's own: escapes and headers where ICU puts them.
-        EXPECT_EQ(hex(ourEncode(encoding, holdable)), hex(*bytes));
+        // Written in one go, the bytes are ICU's own: escapes and headers where ICU puts them, except
+        // the "~}" that ICU opens every HZ stream with, a switch to the ASCII that HZ starts in anyway.
+        Bytes expected = *bytes;
+        if (entry.id == "hzgb2312") {
+            ASSERT_GE(expected.size(), 2u);
+            EXPECT_EQ(expected[0], '~');
+            EXPECT_EQ(expected[1], '}');
+            expected.erase(expected.begin(), expected.begin() + 2);
+        }
+        EXPECT_EQ(hex(ourEncode(encoding, holdable)), hex(expected));
         EXPECT_EQ(units(ourDecode(encoding, ourEncode(encoding, holdable))), units(holdable));
     }
 }
