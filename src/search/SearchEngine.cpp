@@ -338,6 +338,46 @@ private:
     std::vector<std::unique_ptr<Expression::Matcher>> free_;  // guarded by lock_
 };
 
+/// The matcher of the calling thread for one expression, kept for the thread's next search with
+/// the same compiled expression: a search over many small files then sets up its match data and
+/// its JIT stack (a mapping of its own) once a thread, not once a file.
+class KeptMatcher {
+public:
+    explicit KeptMatcher(std::shared_ptr<const Expression> expression) : expression_(std::move(expression)) {
+        if (!expression_) return;
+        Slot& slot = kept();
+        if (slot.expression == expression_ && slot.matcher) {
+            matcher_ = std::move(slot.matcher);
+        } else {
+            matcher_ = std::make_unique<Expression::Matcher>(*expression_);
+        }
+    }
+    ~KeptMatcher() {
+        if (!matcher_) return;
+        Slot& slot = kept();
+        slot.matcher.reset();  // before the expression it refers to can go
+        slot.expression = expression_;
+        slot.matcher = std::move(matcher_);
+    }
+    KeptMatcher(const KeptMatcher&) = delete;
+    KeptMatcher& operator=(const KeptMatcher&) = delete;
+
+    [[nodiscard]] Expression::Matcher& matcher() const { return *matcher_; }
+
+private:
+    struct Slot {
+        std::shared_ptr<const Expression> expression;
+        std::unique_ptr<Expression::Matcher> matcher;  // refers to `expression`; declared after it, so it goes first
+    };
+    static Slot& kept() {
+        thread_local Slot slot;
+        return slot;
+    }
+
+    std::shared_ptr<const Expression> expression_;
+    std::unique_ptr<Expression::Matcher> matcher_;
+};
+
 /// Tells the system that a mapped file is about to be read from front to back, and that jumps
 /// are the rule again afterwards, and reads ahead of the scan. Only for a file that is not in
 /// memory already: on one that is, the advice costs more than it brings (sequential advice also
@@ -413,14 +453,14 @@ RunEnd run(SearchText text, const Plan& plan, Collector& collector, const RunOpt
     };
 
     MatcherPool pool(plan.expression.get());
-    std::unique_ptr<Expression::Matcher> own = plan.expression ? pool.acquire() : nullptr;
+    const KeptMatcher own(plan.expression);
     auto sink = [&collector](ByteRange match) { return collector.accept(match); };
 
     /// Searches one piece in this thread, straight into the collector.
     const auto scanInPlace = [&](const Piece& piece) {
         const std::int64_t from = std::max(piece.from, collector.nextAllowed());
         return plan.literal ? scanLiteralPiece(text, plan, piece, from, sink)
-                            : scanExpressionPiece(text, *own, piece, from, until, sink);
+                            : scanExpressionPiece(text, own.matcher(), piece, from, until, sink);
     };
     const auto settle = [&](PieceEnd end) -> std::optional<RunEnd> {
         switch (end) {
