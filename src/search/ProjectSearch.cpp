@@ -106,7 +106,11 @@ bool plainASCII(std::span<const std::uint8_t> bytes) {
 /// document would keep the bytes as they are. Most of a project is such, and is searched at once
 /// in the bytes already read.
 bool readsAsItIs(const std::filesystem::path& file, std::span<const std::uint8_t> bytes) {
-    if (plainASCII(bytes)) return TextEncoding::namedByFile(file.filename().string()) == nullptr;
+    const TextEncoding* named = TextEncoding::namedByFile(file.filename().string());
+    if (plainASCII(bytes)) {
+        // ASCII reads the same in every set a document keeps in its own bytes.
+        return named == nullptr || (named->asciiCompatible && !named->stateful && !named->unicodeUnitWidth());
+    }
     const std::size_t firstHigh = UTF8::firstNonASCII(bytes);
     if (firstHigh < bytes.size() && UTF8::firstInvalid(bytes.subspan(firstHigh)) != bytes.size() - firstHigh) return false;
     // CR, VT and FF could make the document turn its line ends into LF; NEL, LS and PS too.
@@ -127,7 +131,7 @@ bool readsAsItIs(const std::filesystem::path& file, std::span<const std::uint8_t
             if (text.find(rare, firstHigh) != std::string_view::npos) return false;
         }
     }
-    return TextEncoding::namedByFile(file.filename().string()) == nullptr;
+    return named == nullptr || named->id == "utf8";
 }
 
 } // namespace
