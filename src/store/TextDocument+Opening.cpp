@@ -64,6 +64,7 @@ struct Opened {
     bool normalisedToLF = false;
     bool ebcdicASCIINewlines = false;
     bool textInWorkingCopy = false;   ///< the working copy already holds UTF-8 text (six-bit codes)
+    std::optional<std::int64_t> sixBitRecordWidth;
 #if BRIM_HAS_RECORD_FORMAT
     std::optional<RecordFormat> recordFormat;
 #endif
@@ -225,8 +226,29 @@ std::shared_ptr<TextDocument> TextDocument::open(const std::filesystem::path& pa
     const TextEncoding* named = options.forcedEncoding ? &*options.forcedEncoding
                                                        : TextEncoding::namedByFile(detectionName);
 
+#if BRIM_HAS_SIX_BIT
+    // A deck of cards in a six-bit code: no line ends of its own, one card to a line.
+    if (named != nullptr && named->sixBitSet && size > 0) {
+        const auto sample = head(*opened.source, headSize);
+        if (std::find(sample.begin(), sample.end(), 0x0A) == sample.end()) {
+            const auto space = named->sixBitSet->space;
+            if (const auto width = SixBit::recordWidth(sample, size, space)) {
+                report(L("Reading records…"), 0.03);
+                const auto all = opened.source->data({0, size});
+                const std::string text = SixBit::text(all, *width, *named, space);
+                const auto lines = std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size());
+                opened.replaceWorkingCopy(Transcoder::writeWorkingCopy(lines));
+                opened.source = readBack(*opened.workingCopy, fileName);
+                opened.loadMode = opened.source->count() == 0 ? LoadMode::memory : LoadMode::mapped;
+                opened.textInWorkingCopy = true;
+                opened.sixBitRecordWidth = *width;
+            }
+        }
+    }
+#endif
+
     // 4. Records: a file with no line breaks that is made of fixed or length-prefixed records.
-    if (size >= 1 && size <= recordSampleLimit &&
+    if (size >= 1 && size <= recordSampleLimit && !opened.textInWorkingCopy &&
         !(options.forcedEncoding && options.forcedEncoding->unicodeUnitWidth())) {
         const auto sample = head(*opened.source, headSize);
         const auto firstBytes = std::span<const std::uint8_t>(sample).first(
@@ -249,8 +271,15 @@ std::shared_ptr<TextDocument> TextDocument::open(const std::filesystem::path& pa
         detection.confidence = 1.0;
         detection.reason = L("named by the file: %@", named->localisedName());
     }
+    if (opened.textInWorkingCopy && named != nullptr) {
+        // The copy holds the deck's text in UTF-8; the file is in the set that named it.
+        detection = EncodingDetection{*named, false, 1.0,
+                                      options.forcedEncoding ? L("chosen by user")
+                                                             : L("named by the file: %@", named->localisedName()),
+                                      std::nullopt};
+    }
     const TextEncoding fileEncoding = detection.encoding;
-    TextEncoding encoding = fileEncoding;
+    TextEncoding encoding = opened.textInWorkingCopy ? TextEncoding::utf8() : fileEncoding;
 
     // 6. An EBCDIC file that ends its lines with ASCII's line feed.
     if (fileEncoding.isEBCDIC()) {
@@ -328,6 +357,7 @@ std::shared_ptr<TextDocument> TextDocument::open(const std::filesystem::path& pa
 #if BRIM_HAS_RECORD_FORMAT
     document->recordFormat = opened.recordFormat;
 #endif
+    document->sixBitRecordWidth = opened.sixBitRecordWidth;
     document->workingCopy_ = opened.workingCopy;
     document->mmapThreshold_ = options.mmapThreshold;
     opened.handedOver = true;

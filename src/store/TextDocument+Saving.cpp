@@ -16,7 +16,9 @@
 #include <cstdio>
 #include <limits>
 #include <random>
+#include <stop_token>
 #include <system_error>
+#include <thread>
 
 namespace brim {
 
@@ -100,6 +102,41 @@ public:
         written_ += static_cast<std::int64_t>(bytes.size());
     }
 
+    /// Appends `length` bytes of the descriptor `from`, starting at `offset`, copied inside the kernel
+    /// where the system can (no pass through this process's memory), else through a buffer. Returns
+    /// how many came: fewer only when `from` ends early.
+    std::int64_t copyFrom(int from, std::int64_t offset, std::int64_t length) {
+        std::int64_t done = 0;
+        bool inKernel = true;
+        std::vector<std::uint8_t> buffer;
+        while (done < length) {
+            const auto want = static_cast<std::size_t>(std::min<std::int64_t>(length - done, 1 << 30));
+            if (inKernel) {
+                loff_t at = offset + done;
+                const ssize_t n = ::copy_file_range(from, &at, fd_, nullptr, want, 0);
+                if (n > 0) {
+                    done += n;
+                    written_ += n;
+                    continue;
+                }
+                if (n == 0) break;
+                if (errno == EINTR) continue;
+                if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP && errno != EBADF) {
+                    throw posixError(L("Could not write %@", path_.string()), errno);
+                }
+                inKernel = false;   // another kind of file or volume: the same bytes through a buffer
+                buffer.resize(1 << 20);
+            }
+            const ssize_t n = ::pread(from, buffer.data(), std::min(want, buffer.size()), offset + done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n < 0) throw posixError(L("Could not write %@", path_.string()), errno);
+            if (n == 0) break;
+            write({buffer.data(), static_cast<std::size_t>(n)});
+            done += n;
+        }
+        return done;
+    }
+
     /// Onto the disk. The descriptor (and its lock) stays open until the file is kept or removed.
     void synchronise() {
         if (::fsync(fd_) != 0) throw posixError(L("Could not write %@", path_.string()), errno);
@@ -134,6 +171,34 @@ bool isTemporaryName(std::string_view name) {
 
 /// Thrown inside a save to end it when the user cancels; never leaves this file.
 struct SaveCancelled {};
+
+/// Calls `body` with the bytes of `range` of the table in order, in blocks of at most `blockSize`. A
+/// mapped file is read into `scratch` rather than touched through its map, so memory stays the
+/// block's size whatever the file's.
+void forEachPieceBlock(const PieceTable& table, ByteRange range, std::int64_t blockSize,
+                       std::vector<std::uint8_t>& scratch,
+                       const std::function<void(std::span<const std::uint8_t>)>& body) {
+    std::int64_t position = 0;
+    for (const auto& piece : table.pieces()) {
+        const ByteRange inDocument{position, position + piece.length};
+        position += piece.length;
+        const ByteRange wanted{std::max(range.lower, inDocument.lower), std::min(range.upper, inDocument.upper)};
+        if (wanted.empty()) continue;
+        const ByteSource& source = piece.fromOriginal ? table.original() : static_cast<const ByteSource&>(table.added());
+        const std::int64_t base = piece.offset - inDocument.lower;
+        for (std::int64_t at = wanted.lower; at < wanted.upper; at += blockSize) {
+            const ByteRange inSource{base + at, base + std::min(wanted.upper, at + blockSize)};
+            if (source.prefersBufferedReads()) {
+                scratch.resize(static_cast<std::size_t>(inSource.length()));
+                source.read(inSource, scratch.data());
+                body(scratch);
+            } else {
+                source.withBytes(inSource, body);
+            }
+        }
+        if (position >= range.upper) break;
+    }
+}
 
 /// Copies the bytes of `from` into the existing file `into`, then cuts it to their length: the same
 /// file keeps its identity, links, owner and attributes.
@@ -325,41 +390,15 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     // rather than touched through its map, so memory stays the block's size whatever the file's.
     std::vector<std::uint8_t> block;
     const auto forEachBlock = [&](ByteRange range, const std::function<void(std::span<const std::uint8_t>)>& body) {
-        std::int64_t position = 0;
-        for (const auto& piece : table_->pieces()) {
-            const ByteRange inDocument = ByteRange{position, position + piece.length};
-            position += piece.length;
-            const ByteRange wanted{std::max(range.lower, inDocument.lower), std::min(range.upper, inDocument.upper)};
-            if (wanted.empty()) continue;
-            const ByteSource& source = piece.fromOriginal ? table_->original() : static_cast<const ByteSource&>(table_->added());
-            const std::int64_t base = piece.offset - inDocument.lower;
-            for (std::int64_t at = wanted.lower; at < wanted.upper; at += saveBlockSize) {
-                const ByteRange inSource{base + at, base + std::min(wanted.upper, at + saveBlockSize)};
-                if (source.prefersBufferedReads()) {
-                    block.resize(static_cast<std::size_t>(inSource.length()));
-                    source.read(inSource, block.data());
-                    body(block);
-                } else {
-                    source.withBytes(inSource, body);
-                }
-            }
-            if (position >= range.upper) break;
-        }
+        forEachPieceBlock(*table_, range, saveBlockSize, block, body);
     };
     const auto streamRange = [&](ByteRange range) { forEachBlock(range, emit); };
     const auto spliceFile = [&](ByteRange copyRange, std::int64_t fileFrom, std::int64_t fileTo) {
         flushConverter();
         // The copy still gets the document's own text; the file gets the old file's bytes.
         forEachBlock(copyRange, [&](std::span<const std::uint8_t> bytes) { toCopyFile(bytes); });
-        std::vector<std::uint8_t> buffer(static_cast<std::size_t>(std::min<std::int64_t>(saveBlockSize, fileTo - fileFrom)));
-        for (std::int64_t at = fileFrom; at < fileTo;) {
-            const auto want = static_cast<std::size_t>(std::min<std::int64_t>(fileTo - at, static_cast<std::int64_t>(buffer.size())));
-            const ssize_t n = ::pread(*oldFile, buffer.data(), want, at);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) throw posixError(L("Could not read %@", url->string()), n < 0 ? errno : EIO);
-            const auto bytes = std::span<const std::uint8_t>(buffer.data(), static_cast<std::size_t>(n));
-            temp.write(bytes);
-            at += n;
+        if (temp.copyFrom(*oldFile, fileFrom, fileTo - fileFrom) < fileTo - fileFrom) {
+            throw posixError(L("Could not read %@", url->string()), EIO);
         }
         done += copyRange.length();
         if (progress) progress(static_cast<double>(done) / static_cast<double>(total));
@@ -367,8 +406,61 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
         if (newCheckpoints) newCheckpoints->add(copy->written(), temp.written());
     };
 
+    // A file written as the table holds it, from a table over a file: the stretches of the original
+    // go from file to file inside the kernel, and the index of what is written is built from the same
+    // stretches on a second thread meanwhile, through a small private block.
+    const auto* mappedOriginal = dynamic_cast<const MappedSource*>(&table_->original());
+    const bool passthrough = !converter && !gzip && !copy && !toCopy && !splicing && !fileReplacesEBCDICFeeds &&
+                             mappedOriginal != nullptr && mappedOriginal->fd() >= 0;
+    const auto copyPassingThrough = [&] {
+        const ByteRange whole{tableBOMLength, table_->byteCount()};
+        std::exception_ptr scanFailure;
+        std::jthread scanner([&](const std::stop_token& stop) {
+            try {
+                std::vector<std::uint8_t> scratch;
+                forEachPieceBlock(*table_, whole, 1 << 20, scratch, [&](std::span<const std::uint8_t> bytes) {
+                    if (stop.stop_requested()) throw SaveCancelled{};
+                    builder.scan(bytes);
+                });
+            } catch (const SaveCancelled&) {
+            } catch (...) {
+                scanFailure = std::current_exception();
+            }
+        });
+        std::int64_t position = 0;
+        for (const auto& piece : table_->pieces()) {
+            const ByteRange inDocument{position, position + piece.length};
+            position += piece.length;
+            const ByteRange wanted{std::max(whole.lower, inDocument.lower), std::min(whole.upper, inDocument.upper)};
+            if (wanted.empty()) continue;
+            const std::int64_t base = piece.offset - inDocument.lower;
+            for (std::int64_t at = wanted.lower; at < wanted.upper; at += saveBlockSize) {
+                const ByteRange inSource{base + at, base + std::min(wanted.upper, at + saveBlockSize)};
+                if (piece.fromOriginal) {
+                    const std::int64_t came = temp.copyFrom(mappedOriginal->fd(), inSource.lower, inSource.length());
+                    if (came < inSource.length()) {
+                        // The file was cut short under the document: what the document shows for the
+                        // missing part (zeros, as the map reads them) is written as it stands.
+                        block.resize(static_cast<std::size_t>(inSource.length() - came));
+                        table_->original().read({inSource.lower + came, inSource.upper}, block.data());
+                        temp.write(block);
+                    }
+                } else {
+                    table_->added().withBytes(inSource, [&](std::span<const std::uint8_t> bytes) { temp.write(bytes); });
+                }
+                done += inSource.length();
+                if (progress) progress(static_cast<double>(done) / static_cast<double>(total));
+                if (isCancelled && isCancelled()) throw SaveCancelled{};
+            }
+        }
+        scanner.join();
+        if (scanFailure) std::rethrow_exception(scanFailure);
+    };
+
     try {
-        if (splicing) {
+        if (passthrough) {
+            copyPassingThrough();
+        } else if (splicing) {
             // Each piece of the original maps a stretch of the document to the same stretch of the
             // old copy; a checkpoint interval inside one such piece is the old file's bytes unchanged.
             std::int64_t position = 0;

@@ -24,6 +24,14 @@
 #define BRIM_HAS_RECORD_FORMAT 0
 #endif
 
+// Card decks in six-bit codes open with a card to a line once their codec is part of the build.
+#if __has_include("charsets/SixBit.h")
+#include "charsets/SixBit.h"
+#define BRIM_HAS_SIX_BIT 1
+#else
+#define BRIM_HAS_SIX_BIT 0
+#endif
+
 #include <deque>
 #include <filesystem>
 #include <functional>
@@ -209,6 +217,8 @@ public:
 #if BRIM_HAS_RECORD_FORMAT
     std::optional<RecordFormat> recordFormat;
 #endif
+    /// The card width of a six-bit deck read a card to a line; saving writes cards of this width.
+    std::optional<std::int64_t> sixBitRecordWidth;
     std::vector<std::string> fieldNames;
     GitAttributes::Rules gitAttributes;
     EditorConfig::Rules editorConfig;

@@ -204,20 +204,27 @@ TEST(BrimWindow, typesIntoARealWindowAndSavesTheBytes) {
     unsigned width = 0, height = 0, border = 0, depth = 0;
     x11.getGeometry(connection, *window, &root, &left, &top, &width, &height, &border, &depth);
     // Click into the text, go to the top and type a line; then save. A window that has its title may
-    // not take keys yet (it is still being mapped): keys sent then are lost whole, and the file stays
-    // as it was, so the same keys are sent again, a few times at most. Any other content fails.
+    // not take keys yet (it is still being mapped): keys sent then are lost whole. The title says when
+    // the text was changed ("hello.txt* — Brim"), so the line is typed again only while it still says
+    // nothing changed, and Ctrl+S is sent again only while the file is still the old one.
     const std::string expected = "hi there\n" + original;
-    bool saved = false;
-    for (int attempt = 0; attempt < 4 && !saved; ++attempt) {
+    const auto titled = [&](const char* title) { return x11.windowTitled(connection, title).has_value(); };
+    bool typed = false;
+    for (int attempt = 0; attempt < 4 && !typed; ++attempt) {
         x11.fakeMotion(connection, -1, left + static_cast<int>(width) / 2, top + static_cast<int>(height) / 2, 0);
         x11.fakeButton(connection, 1, 1, 0);
         x11.fakeButton(connection, 1, 0, 0);
         x11.tap(connection, "Home", "Control_L");
         for (const char* key : {"h", "i", "space", "t", "h", "e", "r", "e", "Return"}) x11.tap(connection, key);
+        typed = waitFor([&] { return titled("hello.txt* — Brim"); }, std::chrono::seconds(8));
+    }
+    ASSERT_TRUE(typed) << "the keys never reached the window";
+    bool saved = false;
+    for (int attempt = 0; attempt < 4 && !saved; ++attempt) {
         x11.tap(connection, "s", "Control_L");
         saved = waitFor([&] { return readFile(path) != original; }, std::chrono::seconds(8));
     }
-    EXPECT_TRUE(saved) << "the keys never reached the window";
+    EXPECT_TRUE(saved) << "Ctrl+S never saved the file";
     EXPECT_TRUE(waitFor([&] { return readFile(path) == expected; }, std::chrono::seconds(10)))
         << "the file holds: " << readFile(path).substr(0, 40);
 

@@ -1,5 +1,6 @@
 #include "store/TextDocument.h"
 
+#include "bytes/MemorySource.h"
 #include "store/FilePermissions.h"
 #include "support/TemporaryFolder.h"
 
@@ -116,6 +117,59 @@ TEST(TextDocumentSaving, roundTripsKeepTheSetAndTheLineEnding) {
         EXPECT_EQ(again->text({0, again->byteCount()}), document->text({0, document->byteCount()}));
         EXPECT_TRUE(temporaryFiles(folder.path()).empty());
     }
+}
+
+// A mapped file saved as it is goes from file to file in the kernel while the new file's index is
+// built on another thread; both must agree with the text, across pieces, with a small stride so that
+// checkpoints fall everywhere, and also when the file was cut short under the document.
+TEST(TextDocumentSaving, aMappedFileSavedAsItIsKeepsEveryByteAndItsIndex) {
+    TemporaryFolder folder;
+    std::string model;
+    for (int i = 0; i < 40'000; ++i) model += "line " + std::to_string(i) + (i % 7 == 0 ? " with more words" : "") + "\n";
+    const auto path = folder.write("mapped.log", model);
+    auto options = quiet();
+    options.mmapThreshold = 4'096;
+    options.indexStride = 3;
+    const auto document = TextDocument::open(path, options);
+    ASSERT_EQ(document->loadMode(), LoadMode::mapped);
+
+    std::mt19937 random(11);
+    for (int edit = 0; edit < 60; ++edit) {
+        const auto size = static_cast<std::int64_t>(model.size());
+        const std::int64_t at = static_cast<std::int64_t>(random() % static_cast<unsigned>(size + 1));
+        const std::int64_t cut = std::min<std::int64_t>(size - at, random() % 3 == 0 ? static_cast<std::int64_t>(random() % 5'000) : 0);
+        const std::string typed = edit % 4 == 0 ? "new\nlines\n" : "x";
+        document->replace({at, at + cut}, typed, at, at + static_cast<std::int64_t>(typed.size()));
+        model.replace(static_cast<std::size_t>(at), static_cast<std::size_t>(cut), typed);
+    }
+    const auto saved = folder.path() / "saved.log";
+    auto outcome = document->writeOut(saved, {document->encoding, document->lineEnding, false, false});
+    ASSERT_EQ(readFile(saved), model);
+    const LineIndex& index = outcome.index;
+    ASSERT_TRUE(index.isComplete());
+    EXPECT_EQ(index.knownNewlines(), std::count(model.begin(), model.end(), '\n'));
+    const MemorySource written(bytes(model));
+    std::int64_t line = 0;
+    for (std::size_t at = 0; at <= model.size(); at = model.find('\n', at) + 1, ++line) {
+        if (line % 97 == 0) {
+            EXPECT_EQ(index.startOffsetOfLine(line, written), static_cast<std::int64_t>(at));
+        }
+        if (model.find('\n', at) == std::string::npos) break;
+    }
+    document->adoptSaved(std::move(outcome));
+    EXPECT_EQ(document->text({0, document->byteCount()}), model);
+
+    // Cut short under a fresh document: what it shows (zeros past the end) is written, whole.
+    const auto cut = TextDocument::open(saved, options);
+    cut->replace({0, 0}, "A", 0, 1);
+    ASSERT_EQ(::truncate(saved.c_str(), 10'000), 0);
+    const auto again = folder.path() / "again.log";
+    static_cast<void>(cut->writeOut(again, {cut->encoding, cut->lineEnding, false, false}));
+    const std::string result = readFile(again);
+    ASSERT_EQ(static_cast<std::int64_t>(result.size()), cut->byteCount());
+    EXPECT_EQ(result.substr(0, 10'001), "A" + model.substr(0, 10'000));
+    EXPECT_EQ(result.find_first_not_of('\0', 10'001), std::string::npos);
+    EXPECT_TRUE(temporaryFiles(folder.path()).empty());
 }
 
 TEST(TextDocumentSaving, convertingSetsAndEndingsIsAdoptedByTheDocument) {
