@@ -92,6 +92,15 @@ public:
         End enumerate(std::span<const std::uint8_t> subject, std::size_t from, Edges edges, const IsCancelled& until,
                       Body&& body);
 
+        /// `enumerate` for an expression with a prefix, given where the prefix stands in
+        /// `subject` (ascending, as `LiteralMatcher::startsAndHighBytes` finds them): the engine
+        /// runs anchored at those places only.
+        template <typename Body>
+        End enumerateStarts(std::span<const std::uint8_t> subject, std::span<const std::size_t> starts, std::size_t from,
+                            Edges edges, const IsCancelled& until, Body&& body);
+
+        [[nodiscard]] const Expression& expression() const { return expression_; }
+
     private:
         const Expression& expression_;
         void* matchData_ = nullptr;
@@ -154,6 +163,44 @@ Expression::Matcher::End Expression::Matcher::enumerate(std::span<const std::uin
             position = end;
         } else {
             // An empty match: go on one character later, so the loop never stalls.
+            position = std::max(position, end) + 1;
+            while (position < count && (subject[position] & 0xC0) == 0x80) ++position;
+        }
+    }
+    return End::finished;
+}
+
+template <typename Body>
+Expression::Matcher::End Expression::Matcher::enumerateStarts(std::span<const std::uint8_t> subject,
+                                                               std::span<const std::size_t> starts, std::size_t from,
+                                                               Edges edges, const IsCancelled& until, Body&& body) {
+    const std::size_t count = subject.size();
+    std::size_t position = from;
+    std::size_t next = 0;
+    unsigned sinceCheck = 0;
+    while (position <= count) {
+        Outcome outcome = Outcome::noMatch;
+        while (next < starts.size()) {
+            const std::size_t at = starts[next++];
+            if (at < position) continue;
+            if (++sinceCheck == 4'096) {
+                sinceCheck = 0;
+                if (until && until()) return End::stopped;
+            }
+            outcome = find(subject, at, true, edges);
+            if (outcome != Outcome::noMatch) break;
+        }
+        if (outcome == Outcome::limit) return End::limit;
+        if (outcome == Outcome::noMatch) return End::finished;
+        const std::size_t start = matchStart_;
+        const std::size_t end = matchEnd_ < start ? start : matchEnd_;
+        const std::size_t answer = body(start, end);
+        if (answer == stop) return End::stopped;
+        if (answer > end) {
+            position = answer;
+        } else if (end > position) {
+            position = end;
+        } else {
             position = std::max(position, end) + 1;
             while (position < count && (subject[position] & 0xC0) == 0x80) ++position;
         }

@@ -367,6 +367,37 @@ __attribute__((target("avx2"))) std::size_t scanLanesAVX2(const LiteralMatcher& 
     return position;
 }
 
+/// The vector loop of `startsAndHighBytes`: candidates and the high bits of every byte from
+/// `position` up to the returned position, which is past `end`.
+template <bool folded>
+__attribute__((target("avx2"))) std::size_t startsLanesAVX2(const LiteralMatcher& matcher, const std::uint8_t* data,
+                                                            std::size_t position, std::size_t end, std::size_t last,
+                                                            std::vector<std::size_t>& starts, bool& high) {
+    const __m256i wanted[6] = {_mm256_set1_epi8(static_cast<char>(matcher.rareLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.rareUpper)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.partnerLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.partnerUpper)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.thirdLower)),
+                               _mm256_set1_epi8(static_cast<char>(matcher.thirdUpper))};
+    const std::size_t rare = matcher.rareIndex;
+    const std::size_t partner = matcher.partnerIndex;
+    const std::size_t third = matcher.thirdIndex;
+    __m256i seen = _mm256_setzero_si256();
+    while (position <= end) {
+        seen = _mm256_or_si256(seen, _mm256_or_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + position)),
+                                                     _mm256_loadu_si256(reinterpret_cast<const __m256i*>(data + position + 32))));
+        std::uint64_t mask = candidateMaskAVX2<folded>(data + position, rare, partner, third, wanted);
+        while (mask != 0) {
+            const std::size_t candidate = position + static_cast<std::size_t>(std::countr_zero(mask));
+            if (candidate <= last && matcher.matchesAt(data + candidate)) starts.push_back(candidate);
+            mask &= mask - 1;
+        }
+        position += 64;
+    }
+    high = _mm256_movemask_epi8(seen) != 0;
+    return position;
+}
+
 } // namespace
 
 void LiteralMatcher::Scanner::fillByAVX2() {
@@ -416,6 +447,38 @@ void LiteralMatcher::Scanner::fillByVector() {
 #else
     fillBySWAR();
 #endif
+}
+
+bool LiteralMatcher::startsAndHighBytes(std::span<const std::uint8_t> bytes, std::size_t from,
+                                        std::vector<std::size_t>& starts) const {
+    starts.clear();
+    const std::size_t count = bytes.size();
+    const auto anyHigh = [&bytes](std::size_t lower, std::size_t upper) {
+        std::uint8_t all = 0;
+        for (std::size_t i = lower; i < upper; ++i) all = static_cast<std::uint8_t>(all | bytes[i]);
+        return all >= 0x80;
+    };
+    bool high = anyHigh(0, std::min(from, count));
+    if (count < pattern.size() || from > count - pattern.size()) return high || anyHigh(from, count);
+    const std::size_t last = count - pattern.size();
+    std::size_t position = from;
+#if defined(__x86_64__)
+    const std::size_t laneReach = std::max({rareIndex, partnerIndex, thirdIndex});
+    if (hasAVX2() && count >= laneReach + 64 && position <= std::min(count - laneReach - 64, last)) {
+        const std::size_t end = std::min(count - laneReach - 64, last);
+        const bool folded = rareLower != rareUpper || partnerLower != partnerUpper || thirdLower != thirdUpper;
+        bool lanesHigh = false;
+        position = folded ? startsLanesAVX2<true>(*this, bytes.data(), position, end, last, starts, lanesHigh)
+                          : startsLanesAVX2<false>(*this, bytes.data(), position, end, last, starts, lanesHigh);
+        high = high || lanesHigh;
+    }
+#endif
+    const std::size_t checked = position;
+    if (position <= last) {
+        Scanner scanner(*this, bytes, position);
+        for (std::size_t at = scanner.next(); at != Scanner::none; at = scanner.next()) starts.push_back(at);
+    }
+    return high || anyHigh(std::min(checked, count), count);
 }
 
 } // namespace brim

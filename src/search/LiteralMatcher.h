@@ -8,6 +8,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace brim {
 
@@ -43,6 +44,12 @@ public:
     [[nodiscard]] bool matchesAt(const std::uint8_t* bytes) const;
 
     [[nodiscard]] std::size_t length() const { return pattern.size(); }
+
+    /// Every start of the pattern in `bytes` at or after `from`, overlapping ones included, in
+    /// ascending order, into `starts` (cleared first); returns whether any byte of `bytes` is
+    /// 0x80 or more. With a vector unit both come from one pass over the bytes, so a caller that
+    /// must know whether a block is plain ASCII learns it for free.
+    bool startsAndHighBytes(std::span<const std::uint8_t> bytes, std::size_t from, std::vector<std::size_t>& starts) const;
 
     /// The pattern's bytes, A-Z lowered when case is ignored.
     std::string pattern;

@@ -292,15 +292,38 @@ PieceEnd scanExpressionPiece(SearchText text, Expression::Matcher& matcher, cons
     PieceEnd end = PieceEnd::finished;
     if (from >= piece.ownEnd) return end;
     text.bytes().withBytes(piece.data, [&](std::span<const std::uint8_t> bytes) {
-        const SearchWindow window(bytes, piece.data.lower, text.encoding());
         bool sinkStopped = false;
-        const auto result = matcher.enumerate(window.text(), window.textOffset(from), piece.edges, until,
-                                              [&](std::size_t start, std::size_t stop) {
-                                                  const ByteRange match{window.sourceOffset(start), window.sourceOffset(stop)};
-                                                  if (sink(match)) return Expression::Matcher::goOn;
-                                                  sinkStopped = true;
-                                                  return Expression::Matcher::stop;
-                                              });
+        const std::int64_t base = piece.data.lower;
+        Expression::Matcher::End result = Expression::Matcher::End::finished;
+        const auto& prefix = matcher.expression().prefix();
+        bool done = false;
+        if (prefix && text.isUTF8()) {
+            // One pass finds where the prefix stands and tells whether the window is plain ASCII;
+            // a window of well-formed UTF-8 is then searched as it is, at those places only.
+            thread_local std::vector<std::size_t> starts;
+            const bool high = prefix->startsAndHighBytes(bytes, static_cast<std::size_t>(from - base), starts);
+            if (!high || UTF8::firstInvalid(bytes) == bytes.size()) {
+                result = matcher.enumerateStarts(bytes, starts, static_cast<std::size_t>(from - base), piece.edges, until,
+                                                 [&](std::size_t start, std::size_t stop) {
+                                                     const ByteRange match{base + static_cast<std::int64_t>(start),
+                                                                           base + static_cast<std::int64_t>(stop)};
+                                                     if (sink(match)) return Expression::Matcher::goOn;
+                                                     sinkStopped = true;
+                                                     return Expression::Matcher::stop;
+                                                 });
+                done = true;
+            }
+        }
+        if (!done) {
+            const SearchWindow window(bytes, base, text.encoding());
+            result = matcher.enumerate(window.text(), window.textOffset(from), piece.edges, until,
+                                       [&](std::size_t start, std::size_t stop) {
+                                           const ByteRange match{window.sourceOffset(start), window.sourceOffset(stop)};
+                                           if (sink(match)) return Expression::Matcher::goOn;
+                                           sinkStopped = true;
+                                           return Expression::Matcher::stop;
+                                       });
+        }
         switch (result) {
         case Expression::Matcher::End::finished: end = PieceEnd::finished; break;
         case Expression::Matcher::End::stopped: end = sinkStopped ? PieceEnd::stopped : PieceEnd::cancelled; break;

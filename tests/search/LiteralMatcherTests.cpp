@@ -148,5 +148,30 @@ TEST(LiteralMatcher, scannerStartsAtItsCursorAndSeeksForward) {
     EXPECT_TRUE(scanAll(longer, text).empty());
 }
 
+TEST(LiteralMatcher, startsAndHighBytesComeFromOnePassAndAgreeWithTheSlowWay) {
+    std::mt19937 random(8);
+    const std::string alphabet = "ab_c \n";
+    for (int round = 0; round < 300; ++round) {
+        std::string text(std::uniform_int_distribution<std::size_t>(0, 700)(random), ' ');
+        for (char& c : text) c = alphabet[std::uniform_int_distribution<std::size_t>(0, alphabet.size() - 1)(random)];
+        // Sometimes one byte of 0x80 or more, anywhere: before `from`, in the lanes, in the tail.
+        const bool withHigh = round % 3 == 0 && !text.empty();
+        if (withHigh) text[std::uniform_int_distribution<std::size_t>(0, text.size() - 1)(random)] = '\xC3';
+        const std::string pattern = round % 2 == 0 ? "ab_" : "b";
+        const bool ignoreCase = round % 4 == 1;
+        const LiteralMatcher matcher(pattern, ignoreCase);
+        const std::size_t from = text.empty() ? 0 : std::uniform_int_distribution<std::size_t>(0, text.size() / 4)(random);
+        std::vector<std::size_t> starts = {99};  // cleared first
+        const bool high = matcher.startsAndHighBytes(
+            std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()), from, starts);
+        EXPECT_EQ(high, withHigh) << round;
+        std::vector<std::size_t> expected;
+        for (const std::size_t at : everyStart(text, pattern, ignoreCase)) {
+            if (at >= from) expected.push_back(at);
+        }
+        EXPECT_EQ(starts, expected) << round;
+    }
+}
+
 } // namespace
 } // namespace brim

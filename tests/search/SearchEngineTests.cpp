@@ -233,6 +233,10 @@ TEST(SearchEngine, strayBytesNeverHideAMatchAndOffsetsStayTrue) {
     EXPECT_EQ(findAllRanges(source, regex("\\x{1F600}ok")), (std::vector<ByteRange>{{16, 22}}));
     EXPECT_EQ(findAllRanges(source, regex("^.\\s*end")), (std::vector<ByteRange>{{23, 28}}));
     EXPECT_EQ(findAllRanges(source, regex("caf.")), (std::vector<ByteRange>{{0, 4}}));
+    // Well-formed text beyond ASCII is searched as it is, at the places its prefix stands.
+    const auto wellFormed = sourceOf("n\xC3\xA4he, nahe, n\xF0\x9F\x98\x80he\nnhe");
+    EXPECT_EQ(findAllRanges(wellFormed, regex("n.he")), (std::vector<ByteRange>{{0, 5}, {7, 11}, {13, 20}}));
+    EXPECT_EQ(findAllRanges(wellFormed, regex("n\\X*?e")), (std::vector<ByteRange>{{0, 5}, {7, 11}, {13, 20}, {21, 24}}));
 }
 
 TEST(SearchEngine, caseIsFoldedBeyondASCIIOnlyThroughTheExpressionEngine) {
