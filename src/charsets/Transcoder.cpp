@@ -1816,11 +1816,15 @@ public:
         written_ += static_cast<std::int64_t>(bytes.size());
     }
 
-    /// Synchronises, closes and gives the copy its final name.
+    /// Closes the copy and gives it its final name.
+    ///
+    /// Not synchronised: a working copy is scratch space for one running document. Nothing reads it
+    /// after a crash (it is then abandoned, and removed at the next start), and while the process runs
+    /// the page cache serves it whether or not it reached the disk. Waiting for the disk would make
+    /// opening a large file in a legacy set cost the disk's write time on top of the conversion, for
+    /// no safety gained. The rename still means that a copy under its final name was written whole;
+    /// a write error is caught by `write` and `close`.
     std::filesystem::path commit() {
-        if (::fsync(descriptor_) != 0) {
-            throw Failure::cannotWrite(finalPath_, errno);
-        }
         const int descriptor = descriptor_;
         descriptor_ = -1;
         if (::close(descriptor) != 0) {

@@ -160,8 +160,8 @@ private:
 /// Throws `Failure` "cannot create working copy".
 [[nodiscard]] std::filesystem::path makeWorkingCopy();
 
-/// A new working copy holding `bytes`, written in full and synchronised. Throws `Failure`; nothing is
-/// left behind on failure.
+/// A new working copy holding `bytes`, written in full (not synchronised: a working copy is never read
+/// after a crash). Throws `Failure`; nothing is left behind on failure.
 [[nodiscard]] std::filesystem::path writeWorkingCopy(std::span<const std::uint8_t> bytes);
 
 struct TranscodeOptions {
