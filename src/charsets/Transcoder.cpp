@@ -222,6 +222,8 @@ public:
     virtual void finish(std::vector<std::uint8_t>& out, ConversionReport& report) = 0;
     [[nodiscard]] virtual std::int64_t pending() const = 0;
     [[nodiscard]] virtual bool isAtCleanCut() const { return pending() == 0; }
+    /// Counts input from `consumed` on, for the offsets of what cannot be read.
+    void startAt(std::int64_t consumed) { consumed_ = consumed; }
 
 protected:
     std::int64_t consumed_ = 0;      // input bytes seen before this call, for error offsets
@@ -857,6 +859,209 @@ private:
     RawBuffer buffer_;
 };
 
+// MARK: ISO-2022-JP
+
+/// What ICU reads for each pair of JIS X 0208 bytes, 0x21-0x7E each, as UTF-8; empty for a pair it does
+/// not read as one character.
+struct JISPairTable {
+    std::array<std::array<std::uint8_t, 4>, 94 * 94> utf8{};
+    std::array<std::uint8_t, 94 * 94> length{};
+};
+
+std::shared_ptr<const JISPairTable> jisPairTableFor(const std::string& name) {
+    static std::mutex cacheLock;
+    static std::map<std::string, std::shared_ptr<const JISPairTable>> cache;     // guarded by cacheLock
+    std::lock_guard lock(cacheLock);
+    if (auto found = cache.find(name); found != cache.end()) {
+        return found->second;
+    }
+    std::shared_ptr<const JISPairTable> result;
+    if (ConverterPointer converter = openICU(name)) {
+        auto table = std::make_shared<JISPairTable>();
+        std::u16string units;
+        std::vector<int32_t> offsets;
+        int32_t pendingBytes = 0;
+        for (unsigned first = 0; first < 94; ++first) {
+            for (unsigned second = 0; second < 94; ++second) {
+                const std::uint8_t bytes[] = {0x1B, '$', 'B', static_cast<std::uint8_t>(0x21 + first),
+                                              static_cast<std::uint8_t>(0x21 + second), 0x1B, '(', 'B'};
+                readWithOffsets(converter.get(), bytes, true, units, offsets, pendingBytes);
+                const bool one = units.size() == 1 && units[0] != 0xFFFD && units[0] != 0x1A &&
+                                 !isHighSurrogate(units[0]) && !isLowSurrogate(units[0]);
+                if (one) {
+                    const std::size_t index = first * 94 + second;
+                    std::vector<std::uint8_t> utf8;
+                    appendUTF8(utf8, units[0]);
+                    std::copy(utf8.begin(), utf8.end(), table->utf8[index].begin());
+                    table->length[index] = static_cast<std::uint8_t>(utf8.size());
+                }
+            }
+        }
+        result = std::move(table);
+    }
+    cache.emplace(name, result);
+    return result;
+}
+
+std::unique_ptr<Side> makeICUDecoder(const std::string& name);
+
+/// ISO-2022-JP read at table speed for what nearly every file holds: ASCII, JIS X 0208 runs between
+/// "ESC $ B" (or "ESC $ @") and "ESC ( B", and line feeds, at which the reader returns to ASCII as
+/// ICU's does. At anything else (another set, a shift, an unreadable pair, a byte above 0x7F) the rest
+/// of the stream goes to ICU's converter, started in the same state by the escape of the set in force,
+/// so the text is ICU's own either way.
+class ISO2022JPDecoder final : public Side {
+public:
+    ISO2022JPDecoder(std::string name, std::shared_ptr<const JISPairTable> table)
+        : name_(std::move(name)), table_(std::move(table)) {}
+
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (fallback_) {
+            fallback_->convert(in, out, report);
+            consumed_ += static_cast<std::int64_t>(in.size());
+            return;
+        }
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        const std::size_t used = run(bytes, out, false);
+        consumed_ += static_cast<std::int64_t>(in.size());
+        if (used < bytes.size() && stopped_) {
+            handOver(bytes.subspan(used), base + static_cast<std::int64_t>(used), out, report);
+            return;
+        }
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+    }
+
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (!fallback_ && !held_.empty()) {
+            std::vector<std::uint8_t> rest;
+            rest.swap(held_);
+            // Whatever is held at the end is unfinished: ICU says what it reads as.
+            handOver(rest, consumed_ - static_cast<std::int64_t>(rest.size()), out, report);
+        }
+        if (fallback_) {
+            fallback_->finish(out, report);
+        }
+    }
+
+    [[nodiscard]] std::int64_t pending() const override {
+        return fallback_ ? fallback_->pending() : static_cast<std::int64_t>(held_.size());
+    }
+    [[nodiscard]] bool isAtCleanCut() const override { return false; }
+
+private:
+    enum class Mode : std::uint8_t { ascii, jis0208 };
+
+    /// Converts what it can; returns the bytes used. `stopped_` tells whether it stopped at something
+    /// for ICU rather than at an unfinished escape or pair at the end.
+    std::size_t run(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out, bool final) {
+        stopped_ = false;
+        const JISPairTable& table = *table_;
+        const std::uint8_t* data = bytes.data();
+        const std::size_t count = bytes.size();
+        std::uint8_t* const begin = buffer_.reserve(count * 2 + 16);
+        std::uint8_t* write = begin;
+        std::size_t i = 0;
+        while (i < count) {
+            const std::uint8_t byte = data[i];
+            if (byte == 0x1B) {
+                if (count - i < 3) {
+                    stopped_ = final;
+                    break;
+                }
+                if (emptySegment_) {
+                    stopped_ = true;    // an escape right after another: ICU counts the empty stretch
+                    break;
+                }
+                if (data[i + 1] == '(' && data[i + 2] == 'B') {
+                    mode_ = Mode::ascii;
+                } else if (data[i + 1] == '$' && (data[i + 2] == 'B' || data[i + 2] == '@')) {
+                    mode_ = Mode::jis0208;
+                } else {
+                    stopped_ = true;
+                    break;
+                }
+                emptySegment_ = true;
+                i += 3;
+                continue;
+            }
+            if (mode_ == Mode::ascii) {
+                if (byte >= 0x80 || byte == 0x0E || byte == 0x0F) {
+                    stopped_ = true;
+                    break;
+                }
+                *write++ = byte;
+                emptySegment_ = false;
+                ++i;
+                continue;
+            }
+            if (byte == 0x0A) {
+                mode_ = Mode::ascii;    // the reader returns to ASCII at a line end
+                *write++ = byte;
+                emptySegment_ = false;
+                ++i;
+                continue;
+            }
+            if (byte < 0x21 || byte > 0x7E) {
+                stopped_ = true;
+                break;
+            }
+            if (i + 1 == count) {
+                stopped_ = final;
+                break;
+            }
+            const std::uint8_t second = data[i + 1];
+            if (second < 0x21 || second > 0x7E) {
+                stopped_ = true;
+                break;
+            }
+            const std::size_t index = static_cast<std::size_t>(byte - 0x21) * 94 + (second - 0x21);
+            const std::uint8_t length = table.length[index];
+            if (length == 0) {
+                stopped_ = true;
+                break;
+            }
+            std::memcpy(write, table.utf8[index].data(), 4);
+            write += length;
+            emptySegment_ = false;
+            i += 2;
+        }
+        buffer_.appendTo(out, write);
+        return i;
+    }
+
+    /// From here on ICU reads: it is put in the state in force by the escape of that set and, unless
+    /// nothing was read since the escape, one character of it (ICU marks an escape with nothing after
+    /// it), the text of which is dropped; then it is given the rest.
+    void handOver(std::span<const std::uint8_t> rest, std::int64_t offset, std::vector<std::uint8_t>& out,
+                  ConversionReport& report) {
+        fallback_ = makeICUDecoder(name_);
+        static constexpr std::array<std::uint8_t, 5> jis = {0x1B, '$', 'B', '0', '!'};
+        static constexpr std::array<std::uint8_t, 4> ascii = {0x1B, '(', 'B', 'a'};
+        std::span<const std::uint8_t> priming = mode_ == Mode::jis0208 ? std::span<const std::uint8_t>(jis)
+                                                                         : std::span<const std::uint8_t>(ascii);
+        if (emptySegment_) {
+            priming = priming.first(3);
+        }
+        std::vector<std::uint8_t> dropped;
+        ConversionReport ignored;
+        fallback_->convert(priming, dropped, ignored);
+        fallback_->startAt(offset);
+        fallback_->convert(rest, out, report);
+    }
+
+    std::string name_;
+    std::shared_ptr<const JISPairTable> table_;
+    Mode mode_ = Mode::ascii;
+    bool emptySegment_ = false;         // an escape was read and no character since
+    bool stopped_ = false;
+    std::vector<std::uint8_t> held_;
+    RawBuffer buffer_;
+    std::unique_ptr<Side> fallback_;
+};
+
 // MARK: glibc iconv
 
 class IconvSide final : public Side {
@@ -1303,6 +1508,11 @@ private:
 
 // MARK: choosing a side
 
+std::unique_ptr<Side> makeICUDecoder(const std::string& name) {
+    return std::make_unique<ICUSide>(openICU(name), true, true);
+}
+
+
 std::unique_ptr<Side> makeSide(const TextEncoding& encoding, bool decoding) {
     if (const auto width = encoding.unicodeUnitWidth()) {
         const bool bigEndian = encoding.id.ends_with("be");
@@ -1325,6 +1535,11 @@ std::unique_ptr<Side> makeSide(const TextEncoding& encoding, bool decoding) {
     }
     if (!encoding.stateful && decoding && encoding.isSingleByte()) {
         return std::make_unique<TableDecoder>(byteTableFor(encoding));
+    }
+    if (!encoding.stateful && decoding && encoding.converterName == "ISO_2022,locale=ja,version=0") {
+        if (auto table = jisPairTableFor(encoding.converterName)) {
+            return std::make_unique<ISO2022JPDecoder>(encoding.converterName, std::move(table));
+        }
     }
     if (!encoding.stateful && decoding && isICUName(encoding.converterName)) {
         if (auto table = pairTableFor(encoding.converterName)) {

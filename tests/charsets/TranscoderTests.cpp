@@ -225,6 +225,37 @@ TEST(Transcoder, statefulSetsKeepTheirShiftStateAcrossBlocks) {
     }
 }
 
+TEST(Transcoder, iso2022jpReadsAsICUDoesWhateverTheBytes) {
+    // ISO-2022-JP is read by a table for ASCII and JIS X 0208 and by ICU for the rest: random bytes
+    // from the alphabet of its escapes, both kinds of text, line ends and strays give ICU's own text
+    // wherever the blocks are cut.
+    SupportFolder support;
+    const TextEncoding& encoding = named("iso2022jp");
+    const std::vector<std::string> pieces = {"\x1b$B", "\x1b(B", "\x1b(J", "\x1b(I", "\x1b$@", "\x1b$A", "\x1b",
+                                             "0!", "F|", "K\\", "t&", "~~", "\x7f!", "ab", "\n", "\r\n", "\x0e",
+                                             "\x0f", "\x85", "\xa4\xa2", "$", "(", "B", "!"};
+    std::mt19937 random(7);
+    for (int round = 0; round < 1000; ++round) {
+        std::string file;
+        const int count = 1 + static_cast<int>(random() % 40);
+        for (int k = 0; k < count; ++k) {
+            file += pieces[random() % pieces.size()];
+        }
+        SCOPED_TRACE(::testing::PrintToString(file));
+        const Bytes bytes = bytesOf(file);
+        const std::string expected = encoding.decode(bytes);
+        for (std::size_t block : {std::size_t{1}, std::size_t{2}, std::size_t{3}, bytes.size()}) {
+            Transcoder::BlockConverter converter(encoding, TextEncoding::utf8());
+            Bytes out;
+            for (std::size_t at = 0; at < bytes.size(); at += block) {
+                converter.convert(std::span<const std::uint8_t>(bytes).subspan(at, std::min(block, bytes.size() - at)), out);
+            }
+            converter.finish(out);
+            ASSERT_EQ(textOf(out), expected) << "blocks of " << block;
+        }
+    }
+}
+
 TEST(Transcoder, aLineFeedInsideAShiftOrAnEscapeIsNoCheckpoint) {
     SupportFolder support;
     struct Case {
