@@ -8,9 +8,13 @@
 #include "search/ProjectSearch.h"
 #include "search/SearchEngine.h"
 
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
+#include <mutex>
+#include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace brim {
@@ -68,23 +72,51 @@ int grepCommand(Arguments arguments) {
         std::fputs(L("brim: cannot read %@\n", arguments[2]).c_str(), stderr);
         return 1;
     }
-    const ProjectFiles::Listing listing = ProjectFiles::list(root, git);
-    const std::string rootText = listing.root.string();
-
-    // Files are searched a batch at a time on every processor and printed in the listing's order.
+    // The walk goes on in a thread of its own while the files it has found are searched, a batch
+    // at a time on every processor, and printed in the listing's order.
     constexpr std::size_t batchSize = 256;
+    std::mutex lock;
+    std::condition_variable arrival;
+    std::vector<std::string> found;  // guarded by lock
+    bool listed = false;             // guarded by lock
+    ProjectFiles::Listing listing;   // written by the walk before `listed`
+    std::thread walker([&] {
+        auto whole = ProjectFiles::list(root, git, [&](std::span<const std::string> paths) {
+            std::lock_guard guard(lock);
+            found.insert(found.end(), paths.begin(), paths.end());
+            arrival.notify_one();
+        });
+        std::lock_guard guard(lock);
+        listing = std::move(whole);
+        listed = true;
+        arrival.notify_one();
+    });
+    // Paths print below the project's root, which `root` gives standardised as the listing has it.
+    const std::string projectText = root.string();
+
     std::int64_t matches = 0;
     std::int64_t filesWithHits = 0;
     std::int64_t unreadable = 0;
     std::vector<std::string> slowFiles;
     bool outputClosed = false;
     std::vector<ProjectSearch::FileOutcome> outcomes;
-    for (std::size_t first = 0; first < listing.paths.size() && !outputClosed; first += batchSize) {
-        const std::size_t count = std::min(batchSize, listing.paths.size() - first);
+    std::vector<std::string> batch;
+    std::size_t taken = 0;
+    while (!outputClosed) {
+        {
+            std::unique_lock guard(lock);
+            arrival.wait(guard, [&] { return listed || found.size() - taken >= batchSize; });
+            const std::size_t count = std::min(batchSize, found.size() - taken);
+            batch.assign(found.begin() + static_cast<std::ptrdiff_t>(taken),
+                         found.begin() + static_cast<std::ptrdiff_t>(taken + count));
+            taken += count;
+        }
+        if (batch.empty()) break;
+        const std::size_t count = batch.size();
         outcomes.assign(count, {});
         parallelFor(count, [&](std::size_t i) {
             try {
-                outcomes[i] = ProjectSearch::examine(listing.paths[first + i], query);
+                outcomes[i] = ProjectSearch::examine(batch[i], query);
             } catch (const BrimError&) {
                 outcomes[i] = {};
             }
@@ -94,12 +126,12 @@ int grepCommand(Arguments arguments) {
             const auto& outcome = outcomes[i];
             if (outcome.status == ProjectSearch::FileOutcome::Status::unreadable) ++unreadable;
             if (outcome.status == ProjectSearch::FileOutcome::Status::timedOut) {
-                slowFiles.push_back(relativeTo(listing.paths[first + i], rootText));
+                slowFiles.push_back(relativeTo(batch[i], projectText));
             }
             if (!outcome.hit) continue;
             ++filesWithHits;
             matches += outcome.hit->total;
-            const std::string relative = relativeTo(listing.paths[first + i], rootText);
+            const std::string relative = relativeTo(batch[i], projectText);
             for (const auto& result : outcome.hit->results) {
                 text += relative;
                 text += ':';
@@ -113,6 +145,7 @@ int grepCommand(Arguments arguments) {
             outputClosed = true;  // a reader that went away ("| head") ends the search
         }
     }
+    walker.join();
     for (const auto& slow : slowFiles) {
         printError(L("%@: the expression took too long on this file; only the matches before that point are counted.", slow));
     }

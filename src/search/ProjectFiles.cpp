@@ -50,7 +50,7 @@ std::vector<std::string> gitPaths(const fs::path& root, const std::string& outpu
     return paths;
 }
 
-ProjectFiles::Listing walk(const fs::path& root) {
+ProjectFiles::Listing walk(const fs::path& root, const ProjectFiles::PathsFound& found) {
     ProjectFiles::Listing listing;
     listing.root = root;
     const auto& skipped = ProjectFiles::skippedDirectories();
@@ -61,6 +61,12 @@ ProjectFiles::Listing walk(const fs::path& root) {
         if (depth > ProjectFiles::maxDepth) continue;
         DIR* directory = ::opendir(folder.c_str());
         if (directory == nullptr) continue;  // unreadable: its files are simply not listed
+        const std::size_t before = listing.paths.size();
+        const auto tell = [&] {
+            if (found && listing.paths.size() > before) {
+                found(std::span<const std::string>(listing.paths).subspan(before));
+            }
+        };
         const std::string prefix = folder.back() == '/' ? folder : folder + "/";
         while (const dirent* entry = ::readdir(directory)) {
             const std::string_view name(entry->d_name);
@@ -84,11 +90,13 @@ ProjectFiles::Listing walk(const fs::path& root) {
             if (listing.paths.size() >= ProjectFiles::maxPaths) {
                 listing.isCapped = true;
                 ::closedir(directory);
+                tell();
                 return listing;
             }
             listing.paths.push_back(std::move(path));
         }
         ::closedir(directory);
+        tell();
     }
     return listing;
 }
@@ -144,7 +152,9 @@ fs::path ProjectFiles::root(const fs::path& file) {
     return answer;
 }
 
-ProjectFiles::Listing ProjectFiles::list(const fs::path& folder, const GitAccess& git) {
+ProjectFiles::Listing ProjectFiles::list(const fs::path& folder, const GitAccess& git) { return list(folder, git, {}); }
+
+ProjectFiles::Listing ProjectFiles::list(const fs::path& folder, const GitAccess& git, const PathsFound& found) {
     const fs::path root = standardised(folder);
     std::error_code error;
     if (git.listFiles && fs::exists(root / ".git", error)) {
@@ -154,10 +164,11 @@ ProjectFiles::Listing ProjectFiles::list(const fs::path& folder, const GitAccess
             listing.usedGit = true;
             listing.paths = gitPaths(root, *output, listing.isCapped);
             listing.scannedAt = Clock::now();
+            if (found && !listing.paths.empty()) found(listing.paths);
             return listing;
         }
     }
-    Listing listing = walk(root);
+    Listing listing = walk(root, found);
     listing.scannedAt = Clock::now();
     return listing;
 }

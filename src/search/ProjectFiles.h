@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -65,6 +66,14 @@ public:
 
     /// Lists a project now, in the calling thread. A Git failure falls back to the walk.
     [[nodiscard]] static Listing list(const std::filesystem::path& root, const GitAccess& git = {});
+
+    /// Told of the paths of a listing as they are found, in the listing's order: a walk tells
+    /// each folder's files as it leaves the folder, Git's list comes at once.
+    using PathsFound = std::function<void(std::span<const std::string> paths)>;
+
+    /// `list`, telling `found` of the paths on the way, so that a caller can search the first
+    /// files while the walk goes on.
+    [[nodiscard]] static Listing list(const std::filesystem::path& root, const GitAccess& git, const PathsFound& found);
 
     /// The listing of a file's project as far as one exists, starting a fresh scan in the
     /// background when there is none or it is older than 30 seconds: a stale list now is better

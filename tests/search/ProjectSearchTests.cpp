@@ -58,6 +58,17 @@ TEST(ProjectFiles, aWalkSkipsHiddenFilesLinksAndDependencyFolders) {
               (std::vector<std::string>{"README.md", "src/deep/er/file.h", "src/main.c", "vendorish/kept.txt"}));
     // Breadth first: the root's files come before those of its folders.
     EXPECT_EQ(fs::path(listing.paths.front()).filename(), "README.md");
+
+    // Told along the way, a folder at a time, the paths are the listing's, in its order.
+    std::vector<std::string> told;
+    int tellings = 0;
+    const auto again = ProjectFiles::list(folder.path(), {}, [&](std::span<const std::string> paths) {
+        EXPECT_FALSE(paths.empty());
+        told.insert(told.end(), paths.begin(), paths.end());
+        ++tellings;
+    });
+    EXPECT_EQ(told, again.paths);
+    EXPECT_EQ(tellings, 4);  // the root, src, vendorish, src/deep/er
 }
 
 TEST(ProjectFiles, aWalkStopsAtItsDepthAndItsCap) {
@@ -93,9 +104,11 @@ TEST(ProjectFiles, gitListsWhatGitKnowsAndAFailureFallsBackToTheWalk) {
     std::string many;
     for (std::size_t i = 0; i < ProjectFiles::maxPaths + 5; ++i) many += "f" + std::to_string(i) + '\0';
     git.listFiles = [&many](const fs::path&) { return std::optional<std::string>(many); };
-    const auto capped = ProjectFiles::list(folder.path(), git);
+    std::size_t told = 0;
+    const auto capped = ProjectFiles::list(folder.path(), git, [&](std::span<const std::string> paths) { told += paths.size(); });
     EXPECT_TRUE(capped.isCapped);
     EXPECT_EQ(capped.paths.size(), ProjectFiles::maxPaths);
+    EXPECT_EQ(told, ProjectFiles::maxPaths);
 }
 
 TEST(ProjectFiles, theRootIsTheRepositoryOrTheFoldersOwn) {
