@@ -2261,6 +2261,8 @@ bool forEachBlock(const ByteSource& source, std::int64_t start, const TranscodeO
 
 } // namespace
 
+bool hasShiftState(const TextEncoding& encoding) { return isStatefulSet(encoding); }
+
 std::filesystem::path workingCopiesDirectory() { return UserResources::root() / "WorkingCopies"; }
 
 std::filesystem::path makeWorkingCopy() {

@@ -151,6 +151,11 @@ private:
     ConversionReport report_;
 };
 
+/// Whether escape or shift sequences change what later bytes mean (ISO-2022, HZ, UTF-7, ISCII, the
+/// mixed EBCDIC pages, MARC-8): such a set cannot be edited as bytes, even where its ASCII reads as
+/// ASCII, and must be held in a UTF-8 working copy.
+[[nodiscard]] bool hasShiftState(const TextEncoding& encoding);
+
 // MARK: working copies
 
 /// The folder of working copies: "WorkingCopies" in the support folder.
