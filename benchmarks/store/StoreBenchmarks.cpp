@@ -8,6 +8,9 @@
 //                            (16 MiB), a stretch at the middle and its tail (1 MiB each) hold real
 //                            lines; the rest is a hole in the file that reads as zeros, so it costs no
 //                            disk. Opening reads only those parts, which is what this measures.
+//   BRIM_BENCH_HUGE_FILE     an existing file to use instead of the sparse one (kept afterwards):
+//                            scripts/compare-peers documents gives a 10 GB file of real lines here,
+//                            so that the first edit's index pass reads real text from the page cache
 //   BRIM_BENCH_EDIT_BYTES    the file for first edit and save (default 1 GiB, real lines throughout)
 
 #include "store/TextDocument.h"
@@ -106,6 +109,12 @@ std::filesystem::path sparseFile(std::int64_t size) {
     return path;
 }
 
+/// The large file: the one named by BRIM_BENCH_HUGE_FILE, or the sparse one of BRIM_BENCH_HUGE_BYTES.
+std::filesystem::path hugeFile() {
+    if (const char* given = std::getenv("BRIM_BENCH_HUGE_FILE"); given != nullptr && *given != 0) return given;
+    return sparseFile(environmentNumber("BRIM_BENCH_HUGE_BYTES", 10'000'000'000));
+}
+
 std::int64_t residentBytes(const char* field) {
     std::ifstream status("/proc/self/status");
     std::string line;
@@ -147,12 +156,12 @@ void BM_OpenSmall(benchmark::State& state) {
 }
 
 void BM_OpenHuge(benchmark::State& state) {
-    openDocument(state, sparseFile(environmentNumber("BRIM_BENCH_HUGE_BYTES", 10'000'000'000)));
+    openDocument(state, hugeFile());
 }
 
 /// What the whole process holds with a 10 GB document open and its first screen read.
 void BM_ResidentWithHugeDocumentOpen(benchmark::State& state) {
-    const auto path = sparseFile(environmentNumber("BRIM_BENCH_HUGE_BYTES", 10'000'000'000));
+    const auto path = hugeFile();
     for (auto _ : state) {
         auto document = TextDocument::open(path, benchmarkOptions());
         for (std::int64_t n = 0; n < 60; ++n) benchmark::DoNotOptimize(document->lineText(n));
@@ -177,10 +186,11 @@ void BM_FirstEdit(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * size);
 }
 
-/// The first edit of the 10 GB file: the index pass over all of it. Most of that file is a hole, which
-/// reads as zero pages straight from memory, so this is the pass at page-cache speed with few lines.
+/// The first edit of the 10 GB file: the index pass over all of it. The sparse file is mostly a hole,
+/// which reads as zero pages straight from memory (few lines); a real file in the page cache is the
+/// honest case, and BRIM_BENCH_HUGE_FILE gives one.
 void BM_FirstEditHuge(benchmark::State& state) {
-    const auto path = sparseFile(environmentNumber("BRIM_BENCH_HUGE_BYTES", 10'000'000'000));
+    const auto path = hugeFile();
     const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path));
     for (auto _ : state) {
         state.PauseTiming();

@@ -51,10 +51,124 @@ void LineIndex::ChunkScanner::scan(const std::uint8_t* bytes, std::int64_t count
 
 LineIndex LineIndex::Builder::finish() const {
     LineIndex index(total, stride);
-    index.chunks_.push_back(Chunk{0, scanner.newlines, scanner.checkpoints});
-    index.chunkStartLine_.push_back(scanner.newlines);
+    for (const Chunk& chunk : chunks_) {
+        index.chunks_.push_back(chunk);
+        index.chunkStartLine_.push_back(index.chunkStartLine_.back() + chunk.newlines);
+    }
+    if (total > chunkStart_ || chunks_.empty()) {
+        index.chunks_.push_back(Chunk{chunkStart_, scanner.newlines, scanner.checkpoints});
+        index.chunkStartLine_.push_back(index.chunkStartLine_.back() + scanner.newlines);
+    }
     index.indexedBytes_.store(total, std::memory_order_release);
     return index;
+}
+
+void LineIndex::Builder::closeChunk() {
+    if (total > chunkStart_) chunks_.push_back(Chunk{chunkStart_, scanner.newlines, std::move(scanner.checkpoints)});
+    chunkStart_ = total;
+    scanner = ChunkScanner(stride, total);
+}
+
+void LineIndex::Builder::scanSource(const ByteSource& source, ByteRange range) {
+    if (source.prefersBufferedReads()) {
+        std::vector<std::uint8_t> block(static_cast<std::size_t>(std::min(readBlockBytes, std::max<std::int64_t>(range.length(), 0))));
+        for (std::int64_t at = range.lower; at < range.upper; at += readBlockBytes) {
+            const std::int64_t length = std::min(readBlockBytes, range.upper - at);
+            source.read({at, at + length}, block.data());
+            scan({block.data(), static_cast<std::size_t>(length)});
+        }
+        return;
+    }
+    forEachWindow(source, range, [&](std::span<const std::uint8_t> bytes, std::int64_t) {
+        scan(bytes);
+        return true;
+    });
+}
+
+namespace {
+
+/// The offset of the last 0x0A in `range` of `source`, or -1; reads backwards from the end, so the
+/// cost is the distance to that newline.
+std::int64_t lastNewlineIn(const ByteSource& source, ByteRange range) {
+    constexpr std::int64_t window = 65'536;
+    std::vector<std::uint8_t> block;
+    for (std::int64_t end = range.upper; end > range.lower;) {
+        const std::int64_t start = std::max(range.lower, end - window);
+        block.resize(static_cast<std::size_t>(end - start));
+        source.read({start, end}, block.data());
+        for (std::int64_t i = end - start - 1; i >= 0; --i) {
+            if (block[static_cast<std::size_t>(i)] == 0x0A) return start + i;
+        }
+        end = start;
+    }
+    return -1;
+}
+
+}  // namespace
+
+void LineIndex::Builder::appendIndexed(const LineIndex& index, const ByteSource& source, ByteRange range) {
+    if (range.empty()) return;
+    if (index.stride() != stride || index.indexedBytes() < range.upper || index.chunks_.empty()) {
+        scanSource(source, range);
+        return;
+    }
+    // A chunk of the new index may start wherever the text's own chunk has a checkpoint, if it starts
+    // where the line ending at that checkpoint starts: its newlines are then numbered as the
+    // original's, and every later checkpoint of the original is one of its own, moved. The bytes
+    // between such places are scanned; they are fewer than `stride` lines at each end of a chunk.
+    for (std::int64_t position = range.lower; position < range.upper;) {
+        const std::size_t i = index.chunkIndexForByte(position);
+        const Chunk& chunk = index.chunks_[i];
+        const std::int64_t chunkEnd = i + 1 < index.chunks_.size() ? index.chunks_[i + 1].startByte : index.indexedBytes();
+        const std::int64_t end = std::min(range.upper, chunkEnd);
+        const auto& checkpoints = chunk.checkpoints;
+        auto k = static_cast<std::size_t>(std::upper_bound(checkpoints.begin(), checkpoints.end(), position) -
+                                          checkpoints.begin());
+        std::int64_t lineStart = -1;
+        for (; k < checkpoints.size() && checkpoints[k] <= end; ++k) {
+            const std::int64_t newline = checkpoints[k] - 1;
+            const std::int64_t before = lastNewlineIn(source, {std::max(position, chunk.startByte), newline});
+            const std::int64_t start = before >= 0 ? before + 1 : chunk.startByte;
+            if (start >= position) {
+                lineStart = start;
+                break;
+            }
+        }
+        if (lineStart < 0) {
+            scanSource(source, {position, end});
+            position = end;
+            continue;
+        }
+        scanSource(source, {position, lineStart});
+        closeChunk();
+        const std::int64_t delta = total - lineStart;
+        Chunk moved;
+        moved.startByte = total;
+        std::size_t last = k;
+        while (last < checkpoints.size() && checkpoints[last] <= end) {
+            moved.checkpoints.push_back(checkpoints[last] + delta);
+            ++last;
+        }
+        --last;
+        const auto first = static_cast<std::int64_t>(k);
+        if (end == chunkEnd) {
+            moved.newlines = chunk.newlines - first * stride;
+        } else {
+            std::int64_t tail = 0;
+            std::vector<std::uint8_t> block;
+            for (std::int64_t at = checkpoints[last]; at < end; at += queryWindowBytes) {
+                block.resize(static_cast<std::size_t>(std::min(queryWindowBytes, end - at)));
+                source.read({at, at + static_cast<std::int64_t>(block.size())}, block.data());
+                tail += ByteScan::countNewlines(block);
+            }
+            moved.newlines = (static_cast<std::int64_t>(last) - first) * stride + 1 + tail;
+        }
+        chunks_.push_back(std::move(moved));
+        total += end - lineStart;
+        chunkStart_ = total;
+        scanner = ChunkScanner(stride, total);
+        position = end;
+    }
 }
 
 LineIndex::LineIndex(std::int64_t byteCount, std::int64_t stride)

@@ -62,6 +62,8 @@ public:
     };
 
     /// Builds an index from blocks as they are written, so a saved file needs no second pass.
+    /// Stretches of a source whose index is already known are taken from that index, reading only
+    /// the bytes about their ends.
     class Builder {
     public:
         explicit Builder(std::int64_t strideValue = defaultIndexStride)
@@ -73,12 +75,24 @@ public:
             total += static_cast<std::int64_t>(bytes.size());
         }
 
-        /// The complete index of everything scanned: one chunk from byte 0.
+        /// Appends the bytes of `range` of `source`, whose lines `index` knows (it covers the range
+        /// and has this builder's stride). What the index does not cover is scanned.
+        void appendIndexed(const LineIndex& index, const ByteSource& source, ByteRange range);
+
+        /// The complete index of everything appended.
         [[nodiscard]] LineIndex finish() const;
 
         std::int64_t stride;
         ChunkScanner scanner;
         std::int64_t total = 0;
+
+    private:
+        void scanSource(const ByteSource& source, ByteRange range);
+        /// Ends the chunk being scanned and starts a new one at `total`.
+        void closeChunk();
+
+        std::vector<Chunk> chunks_;
+        std::int64_t chunkStart_ = 0;
     };
 
     /// A deferred index over a source of `byteCount` bytes: nothing scanned yet.

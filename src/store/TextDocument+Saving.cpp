@@ -16,9 +16,7 @@
 #include <cstdio>
 #include <limits>
 #include <random>
-#include <stop_token>
 #include <system_error>
-#include <thread>
 
 namespace brim {
 
@@ -393,10 +391,20 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
         forEachPieceBlock(*table_, range, saveBlockSize, block, body);
     };
     const auto streamRange = [&](ByteRange range) { forEachBlock(range, emit); };
-    const auto spliceFile = [&](ByteRange copyRange, std::int64_t fileFrom, std::int64_t fileTo) {
+    const auto* mappedOriginal = dynamic_cast<const MappedSource*>(&table_->original());
+    const auto spliceFile = [&](ByteRange copyRange, ByteRange inOriginal, std::int64_t fileFrom, std::int64_t fileTo) {
         flushConverter();
-        // The copy still gets the document's own text; the file gets the old file's bytes.
-        forEachBlock(copyRange, [&](std::span<const std::uint8_t> bytes) { toCopyFile(bytes); });
+        // The copy still gets the document's own text; the file gets the old file's bytes. The text is
+        // a stretch of the old copy, so it too goes from file to file, its lines taken from the index.
+        if (!toCopy && mappedOriginal != nullptr && mappedOriginal->fd() >= 0 &&
+            table_->originalIndex().indexedBytes() >= inOriginal.upper) {
+            builder.appendIndexed(table_->originalIndex(), table_->original(), inOriginal);
+            if (copy->copyFrom(mappedOriginal->fd(), inOriginal.lower, inOriginal.length()) < inOriginal.length()) {
+                throw posixError(L("Could not read %@", url->string()), EIO);
+            }
+        } else {
+            forEachBlock(copyRange, [&](std::span<const std::uint8_t> bytes) { toCopyFile(bytes); });
+        }
         if (temp.copyFrom(*oldFile, fileFrom, fileTo - fileFrom) < fileTo - fileFrom) {
             throw posixError(L("Could not read %@", url->string()), EIO);
         }
@@ -407,26 +415,22 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
     };
 
     // A file written as the table holds it, from a table over a file: the stretches of the original
-    // go from file to file inside the kernel, and the index of what is written is built from the same
-    // stretches on a second thread meanwhile, through a small private block.
-    const auto* mappedOriginal = dynamic_cast<const MappedSource*>(&table_->original());
+    // go from file to file inside the kernel, and the index of what is written takes their lines from
+    // the original's index, reading only the bytes about each stretch's ends.
     const bool passthrough = !converter && !gzip && !copy && !toCopy && !splicing && !fileReplacesEBCDICFeeds &&
                              mappedOriginal != nullptr && mappedOriginal->fd() >= 0;
     const auto copyPassingThrough = [&] {
         const ByteRange whole{tableBOMLength, table_->byteCount()};
-        std::exception_ptr scanFailure;
-        std::jthread scanner([&](const std::stop_token& stop) {
-            try {
-                std::vector<std::uint8_t> scratch;
-                forEachPieceBlock(*table_, whole, 1 << 20, scratch, [&](std::span<const std::uint8_t> bytes) {
-                    if (stop.stop_requested()) throw SaveCancelled{};
-                    builder.scan(bytes);
-                });
-            } catch (const SaveCancelled&) {
-            } catch (...) {
-                scanFailure = std::current_exception();
+        // An untouched document may not be indexed to its end yet: the rest, in parallel, into a copy.
+        std::optional<LineIndex> completed;
+        if (!table_->originalIndex().isComplete()) {
+            completed.emplace(table_->originalIndex());
+            if (auto extension = planIndexExtension(completed->byteCount(), {}, isCancelled)) {
+                completed->commit(std::move(*extension));
             }
-        });
+            if (isCancelled && isCancelled()) throw SaveCancelled{};
+        }
+        const LineIndex& originalIndex = completed ? *completed : table_->originalIndex();
         std::int64_t position = 0;
         for (const auto& piece : table_->pieces()) {
             const ByteRange inDocument{position, position + piece.length};
@@ -434,6 +438,7 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
             const ByteRange wanted{std::max(whole.lower, inDocument.lower), std::min(whole.upper, inDocument.upper)};
             if (wanted.empty()) continue;
             const std::int64_t base = piece.offset - inDocument.lower;
+            if (piece.fromOriginal) builder.appendIndexed(originalIndex, table_->original(), {base + wanted.lower, base + wanted.upper});
             for (std::int64_t at = wanted.lower; at < wanted.upper; at += saveBlockSize) {
                 const ByteRange inSource{base + at, base + std::min(wanted.upper, at + saveBlockSize)};
                 if (piece.fromOriginal) {
@@ -446,15 +451,16 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
                         temp.write(block);
                     }
                 } else {
-                    table_->added().withBytes(inSource, [&](std::span<const std::uint8_t> bytes) { temp.write(bytes); });
+                    table_->added().withBytes(inSource, [&](std::span<const std::uint8_t> bytes) {
+                        builder.scan(bytes);
+                        temp.write(bytes);
+                    });
                 }
                 done += inSource.length();
                 if (progress) progress(static_cast<double>(done) / static_cast<double>(total));
                 if (isCancelled && isCancelled()) throw SaveCancelled{};
             }
         }
-        scanner.join();
-        if (scanFailure) std::rethrow_exception(scanFailure);
     };
 
     try {
@@ -478,7 +484,8 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
                             continue;
                         }
                         streamRange({pending, documentStart});
-                        spliceFile({documentStart, documentStart + (next->first - pair->first)}, pair->second, next->second);
+                        spliceFile({documentStart, documentStart + (next->first - pair->first)}, {pair->first, next->first},
+                                   pair->second, next->second);
                         pending = documentStart + (next->first - pair->first);
                         pair = next;
                     }

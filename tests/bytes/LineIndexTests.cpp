@@ -280,5 +280,51 @@ TEST(LineIndex, aBuilderFedInBlocksEqualsABuild) {
     EXPECT_EQ(built.chunks().front().checkpoints, whole->chunks().front().checkpoints);
 }
 
+// A saved file is made of stretches of the old text, whose index is known, and typed bytes. The
+// builder takes the stretches from the old index and must answer exactly as a scan of the result:
+// stretches cut anywhere (mid-line, at checkpoints, across the old index's chunks), strides from 1,
+// lines longer than a stride of lines, and an old index made of many small chunks.
+TEST(LineIndex, stretchesTakenFromAKnownIndexAgreeWithAScan) {
+    for (const std::int64_t stride : {1, 2, 5, 33}) {
+        for (const unsigned seed : {1u, 2u, 3u}) {
+            SCOPED_TRACE("stride " + std::to_string(stride) + ", seed " + std::to_string(seed));
+            const std::string old = randomLines(120'000, seed) + (seed == 2 ? std::string(5'000, 'z') : "");
+            const auto oldSource = sourceOf(old);
+            LineIndex oldIndex(oldSource.count(), stride);
+            // Grown in small steps, as the background does it, so it has many chunks.
+            for (std::int64_t through = 0; !oldIndex.isComplete();) {
+                through += 7'919;
+                auto extension = oldIndex.plan(oldSource, through);
+                ASSERT_TRUE(extension);
+                oldIndex.commit(std::move(*extension));
+            }
+            ASSERT_GT(oldIndex.chunks().size(), 10u);
+
+            std::mt19937 random(seed * 31 + static_cast<unsigned>(stride));
+            LineIndex::Builder builder(stride);
+            std::string text;
+            for (int step = 0; step < 40; ++step) {
+                if (random() % 3 == 0) {
+                    std::string typed = random() % 2 == 0 ? "typed\n\nmore" : std::string(1 + random() % 40, 'q');
+                    builder.scan(testing::bytes(typed));
+                    text += typed;
+                } else {
+                    const auto from = static_cast<std::int64_t>(random() % old.size());
+                    const auto length = static_cast<std::int64_t>(random() % (random() % 2 == 0 ? 200 : 30'000));
+                    const ByteRange range{from, std::min<std::int64_t>(from + length, static_cast<std::int64_t>(old.size()))};
+                    builder.appendIndexed(oldIndex, oldSource, range);
+                    text += old.substr(static_cast<std::size_t>(range.lower), static_cast<std::size_t>(range.length()));
+                }
+            }
+            builder.appendIndexed(oldIndex, oldSource, {0, static_cast<std::int64_t>(old.size())});
+            text += old;
+            const LineIndex built = builder.finish();
+            EXPECT_EQ(built.byteCount(), static_cast<std::int64_t>(text.size()));
+            EXPECT_TRUE(built.isComplete());
+            expectAgrees(built, sourceOf(text), text, 3);
+        }
+    }
+}
+
 }  // namespace
 }  // namespace brim

@@ -125,13 +125,20 @@ TEST(TextDocumentSaving, roundTripsKeepTheSetAndTheLineEnding) {
 TEST(TextDocumentSaving, aMappedFileSavedAsItIsKeepsEveryByteAndItsIndex) {
     TemporaryFolder folder;
     std::string model;
-    for (int i = 0; i < 40'000; ++i) model += "line " + std::to_string(i) + (i % 7 == 0 ? " with more words" : "") + "\n";
+    for (int i = 0; i < 120'000; ++i) model += "line " + std::to_string(i) + (i % 7 == 0 ? " with more words" : "") + "\n";
     const auto path = folder.write("mapped.log", model);
     auto options = quiet();
     options.mmapThreshold = 4'096;
     options.indexStride = 3;
     const auto document = TextDocument::open(path, options);
     ASSERT_EQ(document->loadMode(), LoadMode::mapped);
+
+    // Untouched, the document is indexed only through its first megabyte; a save needs the rest.
+    ASSERT_LT(document->indexedLineCount(), std::count(model.begin(), model.end(), '\n'));
+    const auto untouched = folder.path() / "untouched.log";
+    const auto plain = document->writeOut(untouched, {document->encoding, document->lineEnding, false, false});
+    EXPECT_EQ(readFile(untouched), model);
+    EXPECT_EQ(plain.index.knownNewlines(), std::count(model.begin(), model.end(), '\n'));
 
     std::mt19937 random(11);
     for (int edit = 0; edit < 60; ++edit) {
@@ -381,6 +388,26 @@ TEST(TextDocumentSaving, aWorkingCopyWithFewEditsSavesBackExactly) {
     EXPECT_TRUE(readFile(path) == text(want));
     EXPECT_EQ(document->lineText(300'000).substr(0, 3), "\xE2\x9C\x93");
     EXPECT_TRUE(document->checkpoints);
+    // The new copy's index came from the old one's: every line is where a fresh read puts it.
+    const auto fresh = TextDocument::open(path, quiet());
+    fresh->completeIndex();
+    ASSERT_EQ(document->lineCount(), fresh->lineCount());
+    for (std::int64_t n = 0; n < fresh->lineCount(); n += 9'973) {
+        ASSERT_EQ(document->lineRange(n), fresh->lineRange(n)) << "line " << n;
+    }
+    ASSERT_EQ(document->lineRange(300'001), fresh->lineRange(300'001));
+
+    // The checkpoints of that save serve the next one.
+    const auto early = document->lineRange(1'000).lower;
+    document->replace({early, early + 1}, "R", early, early + 1);
+    saveInPlace(*document);
+    std::size_t line1000 = 0;
+    for (int n = 0; n < 1'000; ++n) line1000 = expected.find(u'\n', line1000) + 1;
+    expected[line1000] = u'R';
+    want = std::vector<std::uint8_t>{0xFE, 0xFF};
+    const auto wantAgain = utf16(expected, true);
+    want.insert(want.end(), wantAgain.begin(), wantAgain.end());
+    EXPECT_TRUE(readFile(path) == text(want));
 }
 
 // The helper that the crash test below runs in a child process: saves two texts in turn, for ever.
