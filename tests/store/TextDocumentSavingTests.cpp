@@ -265,34 +265,41 @@ TEST(TextDocumentSaving, permissionsCarryOverAndTheSwapReplacesOrRewrites) {
     EXPECT_TRUE(temporaryFiles(folder.path()).empty());
 }
 
+// A disk that fills, for typed bytes written from memory and for a mapped file's bytes copied by the
+// kernel: the file size limit stands in for it.
 TEST(TextDocumentSaving, aSaveThatFailsLeavesTheOldFileWholeAndNoTemporaryFile) {
-    TemporaryFolder folder;
-    const std::string old = "the old text\n";
-    const auto path = folder.write("kept.txt", old);
-    const auto document = TextDocument::open(path, quiet());
-    document->replace({0, 0}, std::string(300'000, 'x'), 0, 0);
+    for (const bool mapped : {false, true}) {
+        SCOPED_TRACE(mapped ? "mapped" : "in memory");
+        TemporaryFolder folder;
+        const std::string old = mapped ? std::string(300'000, 'o') + "\n" : "the old text\n";
+        const auto path = folder.write("kept.txt", old);
+        auto options = quiet();
+        if (mapped) options.mmapThreshold = 4'096;
+        const auto document = TextDocument::open(path, options);
+        ASSERT_EQ(document->loadMode(), mapped ? LoadMode::mapped : LoadMode::memory);
+        document->replace({0, 0}, mapped ? std::string("x") : std::string(300'000, 'x'), 0, 0);
 
-    // A disk that fills: the file size limit stands in for it.
-    struct rlimit saved {};
-    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
-    const auto previous = ::signal(SIGXFSZ, SIG_IGN);
-    struct rlimit small = saved;
-    small.rlim_cur = 100'000;
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-    std::string message;
-    try {
-        (void)document->writeOut(path, {TextEncoding::utf8(), LineEnding::lf, false, false});
-    } catch (const BrimError& error) {
-        message = error.what();
+        struct rlimit saved {};
+        ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+        const auto previous = ::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit small = saved;
+        small.rlim_cur = 100'000;
+        ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+        std::string message;
+        try {
+            (void)document->writeOut(path, {TextEncoding::utf8(), LineEnding::lf, false, false});
+        } catch (const BrimError& error) {
+            message = error.what();
+        }
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        ::signal(SIGXFSZ, previous);
+
+        EXPECT_TRUE(message.starts_with("Could not write ")) << message;
+        EXPECT_NE(message.find("File too large"), std::string::npos) << message;
+        EXPECT_EQ(readFile(path), old);
+        EXPECT_TRUE(document->isDirty());
+        EXPECT_TRUE(temporaryFiles(folder.path()).empty());
     }
-    ::setrlimit(RLIMIT_FSIZE, &saved);
-    ::signal(SIGXFSZ, previous);
-
-    EXPECT_TRUE(message.starts_with("Could not write ")) << message;
-    EXPECT_NE(message.find("File too large"), std::string::npos) << message;
-    EXPECT_EQ(readFile(path), old);
-    EXPECT_TRUE(document->isDirty());
-    EXPECT_TRUE(temporaryFiles(folder.path()).empty());
 }
 
 TEST(TextDocumentSaving, aFolderThatCannotBeWrittenSaysWhy) {
