@@ -1,5 +1,6 @@
 #include "charsets/Transcoder.h"
 
+#include "bytes/MappedSource.h"
 #include "charsets/Charsets.h"
 #include "charsets/DoubleByteCodec.h"
 #include "common/Localization.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
@@ -21,6 +23,7 @@
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -404,6 +407,10 @@ public:
         std::size_t i = 0;
         const std::size_t count = bytes.size();
         const bool fastASCII = width_ == 2 && !bigEndian_;
+        if (width_ == 2) {
+            i = bigEndian_ ? decode16<true>(data, count, write, report, base)
+                           : decode16<false>(data, count, write, report, base);
+        }
         while (i + w <= count) {
             if (fastASCII && i + 8 <= count) {
                 std::uint64_t word = 0;
@@ -465,6 +472,70 @@ public:
     [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
 
 private:
+    /// UTF-16 to UTF-8 as far as whole characters go; returns where it stopped (a high surrogate whose
+    /// low half is in the next block, or an odd byte). Plain text goes four units at a time; inside a
+    /// run of other characters the test for plain text is not made again until one comes.
+    template <bool bigEndian>
+    std::size_t decode16(const std::uint8_t* data, std::size_t count, std::uint8_t*& out, ConversionReport& report,
+                         std::int64_t base) {
+        constexpr std::uint64_t highBits = bigEndian ? 0x80FF80FF80FF80FFULL : 0xFF80FF80FF80FF80ULL;
+        constexpr int low = bigEndian ? 1 : 0;
+        std::uint8_t* write = out;
+        std::size_t i = 0;
+        bool plain = true;
+        while (i + 2 <= count) {
+            if (plain && i + 8 <= count) {
+                std::uint64_t word = 0;
+                std::memcpy(&word, data + i, 8);
+                if ((word & highBits) == 0) {
+                    write[0] = data[i + low];
+                    write[1] = data[i + 2 + low];
+                    write[2] = data[i + 4 + low];
+                    write[3] = data[i + 6 + low];
+                    write += 4;
+                    i += 8;
+                    continue;
+                }
+            }
+            const std::uint32_t unit = bigEndian ? (std::uint32_t{data[i]} << 8 | data[i + 1])
+                                                 : (std::uint32_t{data[i + 1]} << 8 | data[i]);
+            plain = unit < 0x80;
+            if (unit < 0x80) {
+                *write++ = static_cast<std::uint8_t>(unit);
+                i += 2;
+            } else if (unit < 0x800) {
+                write[0] = static_cast<std::uint8_t>(0xC0 | (unit >> 6));
+                write[1] = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
+                write += 2;
+                i += 2;
+            } else if (unit - 0xD800 >= 0x800) {
+                write[0] = static_cast<std::uint8_t>(0xE0 | (unit >> 12));
+                write[1] = static_cast<std::uint8_t>(0x80 | ((unit >> 6) & 0x3F));
+                write[2] = static_cast<std::uint8_t>(0x80 | (unit & 0x3F));
+                write += 3;
+                i += 2;
+            } else {
+                if (isHighSurrogate(unit)) {
+                    if (i + 4 > count) {
+                        break;      // the low half is in the next block
+                    }
+                    const std::uint32_t second = bigEndian ? (std::uint32_t{data[i + 2]} << 8 | data[i + 3])
+                                                           : (std::uint32_t{data[i + 3]} << 8 | data[i + 2]);
+                    if (isLowSurrogate(second)) {
+                        write = writeUTF8(write, 0x10000 + ((unit - 0xD800) << 10) + (second - 0xDC00));
+                        i += 4;
+                        continue;
+                    }
+                }
+                noteInvalid(report, base + static_cast<std::int64_t>(i));
+                write = writeUTF8(write, 0xFFFD);
+                i += 2;
+            }
+        }
+        out = write;
+        return i;
+    }
+
     [[nodiscard]] std::uint32_t read(const std::uint8_t* p) const {
         if (width_ == 2) {
             return bigEndian_ ? (std::uint32_t{p[0]} << 8 | p[1]) : (std::uint32_t{p[1]} << 8 | p[0]);
@@ -2062,6 +2133,90 @@ private:
     std::int64_t written_ = 0;
 };
 
+/// Writes a copy's blocks on a thread of its own while the next block is converted: on a machine with a
+/// second core, the copy into the page cache (as long as the conversion for the plainer sets) is then
+/// no longer added to it. Memory: three blocks of output at most, the one being written, the one
+/// waiting and the one being filled. A write error is thrown from the next `submit` or from `finish`.
+class WriteBehind {
+public:
+    explicit WriteBehind(CopyWriter& writer) : writer_(writer), thread_([this] { run(); }) {}
+    ~WriteBehind() {
+        {
+            std::lock_guard lock(lock_);
+            done_ = true;
+        }
+        changed_.notify_all();
+        thread_.join();
+    }
+    WriteBehind(const WriteBehind&) = delete;
+    WriteBehind& operator=(const WriteBehind&) = delete;
+
+    /// Hands `buffer` over to be written; it comes back empty, with the room of one already written.
+    void submit(std::vector<std::uint8_t>& buffer) {
+        submitted_ += static_cast<std::int64_t>(buffer.size());
+        std::unique_lock lock(lock_);
+        changed_.wait(lock, [this] { return !waiting_ || error_; });
+        if (error_) {
+            std::rethrow_exception(error_);
+        }
+        waiting_ = true;
+        slot_.swap(buffer);
+        buffer.clear();
+        lock.unlock();
+        changed_.notify_all();
+    }
+    /// Waits until everything handed over is written.
+    void finish() {
+        std::unique_lock lock(lock_);
+        changed_.wait(lock, [this] { return (!waiting_ && !writing_) || error_; });
+        if (error_) {
+            std::rethrow_exception(error_);
+        }
+    }
+    /// Bytes handed over so far: the copy's length once they are written.
+    [[nodiscard]] std::int64_t submitted() const { return submitted_; }
+
+private:
+    void run() {
+        std::vector<std::uint8_t> current;
+        std::unique_lock lock(lock_);
+        while (true) {
+            changed_.wait(lock, [this] { return waiting_ || done_; });
+            if (!waiting_) {
+                return;
+            }
+            current.swap(slot_);
+            waiting_ = false;
+            writing_ = true;
+            lock.unlock();
+            changed_.notify_all();
+            std::exception_ptr error;
+            try {
+                writer_.write(current);
+            } catch (...) {
+                error = std::current_exception();
+            }
+            lock.lock();
+            writing_ = false;
+            if (error && !error_) {
+                error_ = error;
+            }
+            changed_.notify_all();
+        }
+    }
+
+    CopyWriter& writer_;
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::vector<std::uint8_t> slot_;    // guarded by lock_
+    bool waiting_ = false;              // guarded by lock_: `slot_` holds bytes to write
+    bool writing_ = false;              // guarded by lock_
+    bool done_ = false;                 // guarded by lock_
+    std::exception_ptr error_;          // guarded by lock_
+    std::int64_t submitted_ = 0;        // the caller's thread only
+    std::thread thread_;
+};
+
 std::filesystem::path newCopyPath() {
     const std::filesystem::path directory = workingCopiesDirectory();
     ensureDirectory(directory);
@@ -2240,7 +2395,9 @@ template <typename Body>
 bool forEachBlock(const ByteSource& source, std::int64_t start, const TranscodeOptions& options, Body&& body) {
     const std::int64_t total = source.count();
     const std::int64_t size = std::max<std::int64_t>(options.blockSize, 1);
-    std::vector<std::uint8_t> block(static_cast<std::size_t>(std::min(size, std::max<std::int64_t>(total - start, 0))));
+    const auto* mapped = dynamic_cast<const MappedSource*>(&source);
+    std::vector<std::uint8_t> block(
+        mapped != nullptr ? 0 : static_cast<std::size_t>(std::min(size, std::max<std::int64_t>(total - start, 0))));
     for (std::int64_t offset = start; offset < total; offset += size) {
         if (options.isCancelled && options.isCancelled()) {
             return false;
@@ -2249,9 +2406,16 @@ bool forEachBlock(const ByteSource& source, std::int64_t start, const TranscodeO
         if (offset + length > source.readableCount()) {
             throw BrimError(L("The file changed while it was being read."));
         }
-        block.resize(static_cast<std::size_t>(length));
-        source.read({offset, offset + length}, block.data());
-        body(std::span<const std::uint8_t>(block), offset + length);
+        if (mapped != nullptr) {
+            // Straight from the map: no copy of the block; a page the file no longer has reads as zeros.
+            mapped->prefetch({offset + length, std::min(total, offset + 2 * length)});
+            mapped->withBytes({offset, offset + length},
+                              [&](std::span<const std::uint8_t> bytes) { body(bytes, offset + length); });
+        } else {
+            block.resize(static_cast<std::size_t>(length));
+            source.read({offset, offset + length}, block.data());
+            body(std::span<const std::uint8_t>(block), offset + length);
+        }
         if (options.progress) {
             options.progress(static_cast<double>(offset + length - start) / static_cast<double>(std::max<std::int64_t>(total - start, 1)));
         }
@@ -2307,17 +2471,32 @@ TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEnco
             throw Failure::invalidInput(from, converter.report().firstInvalidOffset.value_or(0) + start);
         }
     };
+    // More than two blocks: written behind the conversion, on a thread of its own.
+    const std::int64_t blockCount = (source.count() - start + std::max<std::int64_t>(options.blockSize, 1) - 1) /
+                                    std::max<std::int64_t>(options.blockSize, 1);
+    std::optional<WriteBehind> behind;
+    if (blockCount > 2) {
+        behind.emplace(writer);
+    }
+    auto emit = [&] {
+        if (behind) {
+            behind->submit(out);
+        } else {
+            writer.write(out);
+        }
+    };
+    auto copyLength = [&] { return behind ? behind->submitted() : writer.written(); };
     auto convert = [&](std::span<const std::uint8_t> bytes) {
         out.clear();
         converter.convert(bytes, out);
         check();
-        writer.write(out);
+        emit();
     };
     const bool finished = forEachBlock(source, start, options, [&](std::span<const std::uint8_t> block, std::int64_t end) {
         if (!cleanCuts) {
             convert(block);
             if (options.checkpoints != nullptr && converter.isAtCleanCut()) {
-                options.checkpoints->add(writer.written(), end - converter.pending());
+                options.checkpoints->add(copyLength(), end - converter.pending());
             }
             return;
         }
@@ -2331,7 +2510,7 @@ TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEnco
         }
         convert(block.first(*cut));
         if (converter.pending() == 0) {
-            options.checkpoints->add(writer.written(), blockStart + static_cast<std::int64_t>(*cut));
+            options.checkpoints->add(copyLength(), blockStart + static_cast<std::int64_t>(*cut));
         }
         if (*cut < block.size()) {
             convert(block.subspan(*cut));
@@ -2346,7 +2525,11 @@ TranscodeOutcome transcodeToWorkingCopy(const ByteSource& source, const TextEnco
     out.clear();
     converter.finish(out);
     check();
-    writer.write(out);
+    emit();
+    if (behind) {
+        behind->finish();
+        behind.reset();
+    }
     if (options.checkpoints != nullptr) {
         options.checkpoints->add(writer.written(), source.count());
     }
