@@ -21,6 +21,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <thread>
@@ -2411,6 +2412,15 @@ bool forEachBlock(const ByteSource& source, std::int64_t start, const TranscodeO
             mapped->prefetch({offset + length, std::min(total, offset + 2 * length)});
             mapped->withBytes({offset, offset + length},
                               [&](std::span<const std::uint8_t> bytes) { body(bytes, offset + length); });
+            // The pages read are let go of again (they stay in the page cache, and the map refills
+            // them if touched): the process keeps a block or two of the file resident, not all of it.
+            const auto page = static_cast<std::int64_t>(::getpagesize());
+            const std::int64_t from = offset / page * page;
+            const std::int64_t to = (offset + length) / page * page;
+            if (to > from) {
+                ::madvise(const_cast<std::uint8_t*>(mapped->base()) + from, static_cast<std::size_t>(to - from),
+                          MADV_DONTNEED);
+            }
         } else {
             block.resize(static_cast<std::size_t>(length));
             source.read({offset, offset + length}, block.data());
