@@ -1,5 +1,6 @@
 #include "shell/MainWindow.h"
 
+#include "charsets/Transcoder.h"
 #include "common/ByteFormatter.h"
 #include "common/Localization.h"
 #include "shell/TextView.h"
@@ -40,7 +41,8 @@ bool canReadInPlace(const TextDocument& document, const TextEncoding& encoding) 
     // The same bytes can be read through another set only when the table holds the file's own bytes
     // and the new set keeps line breaks where they are.
     return !document.workingCopy() && !document.isGzipped && document.encoding == document.fileEncoding &&
-           encoding.asciiCompatible && !encoding.stateful && !encoding.unicodeUnitWidth() && !encoding.isEBCDIC();
+           encoding.asciiCompatible && !encoding.stateful && !Transcoder::hasShiftState(encoding) &&
+           !encoding.unicodeUnitWidth() && !encoding.isEBCDIC();
 }
 
 } // namespace

@@ -289,7 +289,7 @@ std::shared_ptr<TextDocument> TextDocument::open(const std::filesystem::path& pa
     }
 
     // 7. What can't be edited as bytes goes through a UTF-8 working copy.
-    if ((!fileEncoding.asciiCompatible || fileEncoding.stateful) && !opened.textInWorkingCopy && size > 0) {
+    if ((!fileEncoding.asciiCompatible || fileEncoding.stateful || Transcoder::hasShiftState(fileEncoding)) && !opened.textInWorkingCopy && size > 0) {
         report(L("Converting %@ to a UTF-8 working copy…", fileEncoding.localisedName()), 0.1);
         Transcoder::Checkpoints checkpoints;
         Transcoder::TranscodeOptions transcode;

@@ -47,7 +47,7 @@ bool holdsEveryCharacter(const TextEncoding& encoding) {
 bool isRare(LineEnding ending) { return ending != LineEnding::lf && ending != LineEnding::crlf; }
 
 bool needsWorkingCopy(const TextEncoding& encoding, LineEnding ending) {
-    return !encoding.asciiCompatible || encoding.stateful != nullptr || isRare(ending);
+    return !encoding.asciiCompatible || encoding.stateful != nullptr || Transcoder::hasShiftState(encoding) || isRare(ending);
 }
 
 bool endsWithIgnoringCase(const std::string& text, std::string_view suffix) {

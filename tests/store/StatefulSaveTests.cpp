@@ -70,12 +70,8 @@ TEST_P(StatefulSave, oneEditSavedByCheckpointsGivesTheBytesOfAWholeConversion) {
     const std::string text = longText(GetParam().find("jp") != std::string::npos);
     const auto path = folder.write("stateful.txt", convertWhole(TextEncoding::utf8(), encoding, text));
     const auto document = TextDocument::open(path, readAs(encoding));
-    if (!document->workingCopy()) {
-        // The store holds ISO-2022 text as it holds ASCII-compatible bytes, without a working copy, so
-        // there are no checkpoints to save by; the transcoder's side of it is tested in tests/charsets.
-        ASSERT_TRUE(Transcoder::hasShiftState(encoding));
-        GTEST_SKIP() << encoding.id << " is not held in a working copy by the store";
-    }
+    // Text with a shift state is edited as UTF-8 in a working copy, never as its own bytes.
+    ASSERT_TRUE(document->workingCopy());
     ASSERT_TRUE(document->checkpoints && document->checkpoints->isUsable);
     ASSERT_GE(document->checkpoints->count(), 3u);
 
