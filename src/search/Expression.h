@@ -102,6 +102,16 @@ public:
         [[nodiscard]] const Expression& expression() const { return expression_; }
 
     private:
+        /// Where the search goes on after a match ending at `end` that the caller answered with
+        /// `answer`: past the match, or one character later after an empty one, so it never stalls.
+        static std::size_t nextPosition(std::span<const std::uint8_t> subject, std::size_t position, std::size_t end,
+                                        std::size_t answer) {
+            if (answer > end) return answer;
+            if (end > position) return end;
+            position = std::max(position, end) + 1;
+            while (position < subject.size() && (subject[position] & 0xC0) == 0x80) ++position;
+            return position;
+        }
         const Expression& expression_;
         void* matchData_ = nullptr;
         void* context_ = nullptr;
@@ -157,15 +167,7 @@ Expression::Matcher::End Expression::Matcher::enumerate(std::span<const std::uin
         const std::size_t end = matchEnd_ < start ? start : matchEnd_;
         const std::size_t answer = body(start, end);
         if (answer == stop) return End::stopped;
-        if (answer > end) {
-            position = answer;
-        } else if (end > position) {
-            position = end;
-        } else {
-            // An empty match: go on one character later, so the loop never stalls.
-            position = std::max(position, end) + 1;
-            while (position < count && (subject[position] & 0xC0) == 0x80) ++position;
-        }
+        position = nextPosition(subject, position, end, answer);
     }
     return End::finished;
 }
@@ -196,14 +198,7 @@ Expression::Matcher::End Expression::Matcher::enumerateStarts(std::span<const st
         const std::size_t end = matchEnd_ < start ? start : matchEnd_;
         const std::size_t answer = body(start, end);
         if (answer == stop) return End::stopped;
-        if (answer > end) {
-            position = answer;
-        } else if (end > position) {
-            position = end;
-        } else {
-            position = std::max(position, end) + 1;
-            while (position < count && (subject[position] & 0xC0) == 0x80) ++position;
-        }
+        position = nextPosition(subject, position, end, answer);
     }
     return End::finished;
 }

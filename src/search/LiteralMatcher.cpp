@@ -338,17 +338,26 @@ std::uint64_t candidateMaskSSE2(const std::uint8_t* at, std::size_t rare, std::s
 #if defined(__x86_64__)
 namespace {
 
+/// The three anchor bytes of a matcher in both cases, each broadcast to a vector.
+struct AnchorsAVX2 {
+    __m256i bytes[6];
+};
+
+__attribute__((target("avx2"))) inline AnchorsAVX2 anchorsAVX2(const LiteralMatcher& matcher) {
+    AnchorsAVX2 anchors;
+    const std::uint8_t values[6] = {matcher.rareLower,    matcher.rareUpper,  matcher.partnerLower,
+                                    matcher.partnerUpper, matcher.thirdLower, matcher.thirdUpper};
+    for (int i = 0; i < 6; ++i) anchors.bytes[i] = _mm256_set1_epi8(static_cast<char>(values[i]));
+    return anchors;
+}
+
 /// The vector loop proper, in registers: returns the new cursor and how many starts it confirmed.
 template <bool folded>
 __attribute__((target("avx2"))) std::size_t scanLanesAVX2(const LiteralMatcher& matcher, const std::uint8_t* data,
                                                           std::size_t position, std::size_t end, std::size_t last,
                                                           std::size_t* hits, std::size_t& found) {
-    const __m256i wanted[6] = {_mm256_set1_epi8(static_cast<char>(matcher.rareLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.rareUpper)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.partnerLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.partnerUpper)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.thirdLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.thirdUpper))};
+    const AnchorsAVX2 anchors = anchorsAVX2(matcher);
+    const auto& wanted = anchors.bytes;
     const std::size_t rare = matcher.rareIndex;
     const std::size_t partner = matcher.partnerIndex;
     const std::size_t third = matcher.thirdIndex;
@@ -373,12 +382,8 @@ template <bool folded>
 __attribute__((target("avx2"))) std::size_t startsLanesAVX2(const LiteralMatcher& matcher, const std::uint8_t* data,
                                                             std::size_t position, std::size_t end, std::size_t last,
                                                             std::vector<std::size_t>& starts, bool& high) {
-    const __m256i wanted[6] = {_mm256_set1_epi8(static_cast<char>(matcher.rareLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.rareUpper)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.partnerLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.partnerUpper)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.thirdLower)),
-                               _mm256_set1_epi8(static_cast<char>(matcher.thirdUpper))};
+    const AnchorsAVX2 anchors = anchorsAVX2(matcher);
+    const auto& wanted = anchors.bytes;
     const std::size_t rare = matcher.rareIndex;
     const std::size_t partner = matcher.partnerIndex;
     const std::size_t third = matcher.thirdIndex;
