@@ -244,7 +244,8 @@ std::vector<Entry> build() {
             }
             entry.table = parseTable(data->table);
             entry.expansions = parseExpansions(data->expansions);
-            entry.isSingleByte = true;
+            entry.pairs = parsePairs(data->pairs);
+            entry.isSingleByte = entry.pairs.empty();
             break;
         }
         case Via::doubleByte:
@@ -270,6 +271,50 @@ std::array<std::uint16_t, 256> parseTable(std::string_view hex) {
         table[i] = hexUnit(hex.substr(i * 4, 4));
     }
     return table;
+}
+
+namespace {
+
+/// "UUUU.UUUU": one or more UTF-16 units.
+std::u16string parseUnits(std::string_view text) {
+    std::u16string units;
+    std::size_t from = 0;
+    while (from <= text.size()) {
+        std::size_t dot = text.find('.', from);
+        if (dot == std::string_view::npos) {
+            dot = text.size();
+        }
+        units.push_back(static_cast<char16_t>(hexUnit(text.substr(from, dot - from))));
+        from = dot + 1;
+    }
+    return units;
+}
+
+} // namespace
+
+std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text) {
+    std::map<std::uint16_t, std::u16string> pairs;
+    std::size_t position = 0;
+    while (position < text.size()) {
+        if (text[position] == ' ') {
+            ++position;
+            continue;
+        }
+        std::size_t end = text.find(' ', position);
+        if (end == std::string_view::npos) {
+            end = text.size();
+        }
+        const std::string_view item = text.substr(position, end - position);
+        if (item.size() < 6 || item[4] != ':') {
+            throw std::invalid_argument("a two-byte code reads LLTT:UUUU.UUUU");
+        }
+        const std::uint16_t code = hexUnit(item.substr(0, 4));
+        if (code >> 8 < 0x80 || !pairs.emplace(code, parseUnits(item.substr(5))).second) {
+            throw std::invalid_argument("a two-byte code has a lead byte of 0x80 or more and one entry per pair");
+        }
+        position = end;
+    }
+    return pairs;
 }
 
 std::map<std::uint8_t, std::u16string> parseExpansions(std::string_view text) {

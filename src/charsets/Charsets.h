@@ -30,9 +30,12 @@ struct Entry {
     std::optional<std::array<std::uint16_t, 256>> table;   ///< byte to UTF-16 unit, 0xFFFD unassigned
     std::vector<std::string> aliases;
     std::map<std::uint8_t, std::u16string> expansions;     ///< bytes that decode to several units
+    /// Two-byte codes of a table set (lead << 8 | second byte) and the units each pair reads as. A lead
+    /// byte followed by any other byte reads as its table entry.
+    std::map<std::uint16_t, std::u16string> pairs;
     /// The Mac double-byte sets' codec (a process-wide constant); null for every other set.
     const DoubleByteCodec* doubleByteCodec = nullptr;
-    bool isSingleByte = false;          ///< every byte is a character of its own, whatever comes next
+    bool isSingleByte = false;          ///< every byte is a character of its own, whatever comes next (no `pairs`)
     bool isStateful = false;            ///< escape or shift sequences change what later bytes mean
     bool isEBCDIC = false;              ///< an EBCDIC page: not ASCII-compatible, newline 0x15/0x25
 };
@@ -54,5 +57,8 @@ struct Entry {
 
 /// Parses generated expansions ("BB:UUUU.UUUU BB:UUUU.UUUU"); throws `std::invalid_argument`.
 [[nodiscard]] std::map<std::uint8_t, std::u16string> parseExpansions(std::string_view text);
+
+/// Parses generated two-byte codes ("LLTT:UUUU LLTT:UUUU.UUUU"); throws `std::invalid_argument`.
+[[nodiscard]] std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text);
 
 } // namespace brim::Charsets

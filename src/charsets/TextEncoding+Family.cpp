@@ -143,6 +143,7 @@ TextEncoding fromCatalogue(const Charsets::Entry& entry) {
     if (entry.table) {
         encoding.table = std::make_shared<const TextEncoding::Table>(*entry.table);
         if (!entry.expansions.empty()) encoding.expansions = std::make_shared<const TextEncoding::Expansions>(entry.expansions);
+        if (!entry.pairs.empty()) encoding.pairs = std::make_shared<const TextEncoding::Pairs>(entry.pairs);
     } else if (entry.doubleByteCodec) {
         encoding.doubleByteCodec = entry.doubleByteCodec;
     } else {

@@ -21,11 +21,23 @@ std::u16string decodeByTable(const TextEncoding& encoding, std::span<const std::
     const auto& table = *encoding.table;
     std::u16string out;
     out.reserve(bytes.size());
-    if (encoding.expansions && !encoding.expansions->empty()) {
-        for (const std::uint8_t byte : bytes) {
-            if (const auto found = encoding.expansions->find(byte); found != encoding.expansions->end()) {
-                out += found->second;
-                continue;
+    const bool hasPairs = encoding.pairs && !encoding.pairs->empty();
+    if (hasPairs || (encoding.expansions && !encoding.expansions->empty())) {
+        for (std::size_t i = 0; i < bytes.size(); ++i) {
+            const std::uint8_t byte = bytes[i];
+            if (hasPairs && i + 1 < bytes.size()) {
+                const auto code = static_cast<std::uint16_t>(byte << 8 | bytes[i + 1]);
+                if (const auto found = encoding.pairs->find(code); found != encoding.pairs->end()) {
+                    out += found->second;
+                    ++i;
+                    continue;
+                }
+            }
+            if (encoding.expansions) {
+                if (const auto found = encoding.expansions->find(byte); found != encoding.expansions->end()) {
+                    out += found->second;
+                    continue;
+                }
             }
             const char16_t unit = table[byte];
             out.push_back(unit >= 0xD800 && unit <= 0xDFFF ? u'\uFFFD' : unit);
@@ -37,10 +49,12 @@ std::u16string decodeByTable(const TextEncoding& encoding, std::span<const std::
 }
 
 // The reverse of a table, built once per table and shared: every assigned entry, the first byte of a
-// value winning, and the expansions, longest first.
+// value winning, and the sequences written as other than one byte per unit (expansions to one byte,
+// pairs to two), longest first.
 struct ReverseTable {
     std::unordered_map<char16_t, std::uint8_t> single;
-    std::vector<std::pair<std::u16string, std::uint8_t>> expansions;   // longest first
+    std::vector<std::pair<std::u16string, std::vector<std::uint8_t>>> sequences;   // longest first
+    std::vector<bool> startsSequence = std::vector<bool>(65'536, false);
     std::uint8_t question = '?';
 };
 
@@ -58,10 +72,19 @@ std::shared_ptr<const ReverseTable> reverseTable(const TextEncoding& encoding) {
         reverse->single.try_emplace(unit, static_cast<std::uint8_t>(b));
     }
     if (encoding.expansions) {
-        for (const auto& [byte, text] : *encoding.expansions) reverse->expansions.emplace_back(text, byte);
-        std::stable_sort(reverse->expansions.begin(), reverse->expansions.end(),
-                         [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+        for (const auto& [byte, text] : *encoding.expansions) {
+            reverse->sequences.emplace_back(text, std::vector<std::uint8_t>{byte});
+        }
     }
+    if (encoding.pairs) {
+        for (const auto& [code, text] : *encoding.pairs) {
+            reverse->sequences.emplace_back(
+                text, std::vector<std::uint8_t>{static_cast<std::uint8_t>(code >> 8), static_cast<std::uint8_t>(code)});
+        }
+    }
+    for (const auto& sequence : reverse->sequences) reverse->startsSequence[sequence.first.front()] = true;
+    std::stable_sort(reverse->sequences.begin(), reverse->sequences.end(),
+                     [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
     if (!encoding.asciiCompatible) {
         if (const auto found = reverse->single.find(u'?'); found != reverse->single.end()) reverse->question = found->second;
     }
@@ -76,12 +99,14 @@ EncodedText encodeByTable(const TextEncoding& encoding, std::u16string_view text
     std::size_t i = 0;
     while (i < text.size()) {
         bool expanded = false;
-        for (const auto& [expansion, byte] : reverse->expansions) {
-            if (expansion.size() > 1 && text.substr(i, expansion.size()) == expansion) {
-                result.bytes.push_back(byte);
-                i += expansion.size();
-                expanded = true;
-                break;
+        if (reverse->startsSequence[text[i]]) {
+            for (const auto& [sequence, bytes] : reverse->sequences) {
+                if (text.substr(i, sequence.size()) == sequence) {
+                    result.bytes.insert(result.bytes.end(), bytes.begin(), bytes.end());
+                    i += sequence.size();
+                    expanded = true;
+                    break;
+                }
             }
         }
         if (expanded) continue;
@@ -111,9 +136,10 @@ bool operator==(const TextEncoding& a, const TextEncoding& b) {
     const auto sameTable = a.table == b.table || (a.table && b.table && *a.table == *b.table);
     const auto sameExpansions =
         a.expansions == b.expansions || (a.expansions && b.expansions && *a.expansions == *b.expansions);
+    const auto samePairs = a.pairs == b.pairs || (a.pairs && b.pairs && *a.pairs == *b.pairs);
     const auto sameCodec = a.stateful == b.stateful || (a.stateful && b.stateful && a.stateful->key() == b.stateful->key());
     return a.id == b.id && a.displayName == b.displayName && a.converterName == b.converterName &&
-           a.asciiCompatible == b.asciiCompatible && a.ebcdic == b.ebcdic && sameTable && sameExpansions && sameCodec &&
+           a.asciiCompatible == b.asciiCompatible && a.ebcdic == b.ebcdic && sameTable && sameExpansions && samePairs && sameCodec &&
            a.doubleByteCodec == b.doubleByteCodec;
 }
 
@@ -229,7 +255,7 @@ bool TextEncoding::readsNELAsOneByte() const {
 
 bool TextEncoding::isSingleByte() const {
     if (stateful || doubleByteCodec) return false;
-    if (table) return !expansions || expansions->empty();
+    if (table) return (!expansions || expansions->empty()) && (!pairs || pairs->empty());
     if (isUTF8(*this) || converterName.empty()) return false;
     return SystemConverter::isSingleByte(converterName);
 }

@@ -64,6 +64,8 @@ class TextEncoding {
 public:
     using Table = std::array<std::uint16_t, 256>;
     using Expansions = std::map<std::uint8_t, std::u16string>;
+    /// Two-byte codes of a table set: lead << 8 | second byte, to the units the pair reads as.
+    using Pairs = std::map<std::uint16_t, std::u16string>;
 
     std::string id;                 ///< stable lower-case key; persisted in settings and sessions, never changes
     std::string displayName;        ///< English name; `localisedName()` is what people see
@@ -72,6 +74,9 @@ public:
     bool ebcdic = false;            ///< an EBCDIC page (see `isEBCDIC`)
     std::shared_ptr<const Table> table;             ///< byte to UTF-16 unit, 0xFFFD unassigned
     std::shared_ptr<const Expansions> expansions;   ///< bytes that decode to several scalars; before `table`
+    /// Byte pairs read as one character (or a few): a lead byte followed by the pair's second byte reads
+    /// as the pair, followed by anything else as its own table entry. Before `expansions` and `table`.
+    std::shared_ptr<const Pairs> pairs;
     std::shared_ptr<const StatefulCodec> stateful;
     /// The codec of a stateless double-byte set read from published tables (the Mac CJK sets); a
     /// process-wide constant, null for every other set.
@@ -108,7 +113,7 @@ public:
     [[nodiscard]] bool isEBCDIC() const;
     /// ASCII-compatible, not UTF-8, and the single byte 0x85 reads as U+0085 (NEL).
     [[nodiscard]] bool readsNELAsOneByte() const;
-    /// One byte is one scalar: a table without expansions, or a single-byte system converter.
+    /// One byte is one scalar: a table without expansions or pairs, or a single-byte system converter.
     [[nodiscard]] bool isSingleByte() const;
 
     // MARK: the family

@@ -276,11 +276,20 @@ private:
     std::size_t capacity_ = 0;
 };
 
-// Single-byte sets: every byte's UTF-8 looked up in a table built once per set.
+// Single-byte sets: every byte's UTF-8 looked up in a table built once per set. A set with two-byte
+// codes marks their lead bytes; a lead byte followed by a pair's second byte reads as the pair.
 struct ByteTable {
+    struct Pair {
+        std::uint8_t trail = 0;
+        std::uint8_t length = 0;
+        std::array<std::uint8_t, 16> utf8{};
+    };
     std::array<std::array<std::uint8_t, 16>, 256> utf8{};
     std::array<std::uint8_t, 256> length{};
     std::array<bool, 256> invalid{};
+    std::array<bool, 256> isLead{};
+    std::array<std::vector<Pair>, 256> pairs;       // by lead byte; a handful at most
+    bool hasPairs = false;
     bool asciiIdentity = true;
 };
 
@@ -322,6 +331,26 @@ std::shared_ptr<const ByteTable> byteTableFor(const TextEncoding& encoding) {
             table->asciiIdentity = false;
         }
     }
+    if (encoding.table && encoding.pairs) {
+        for (const auto& [code, units] : *encoding.pairs) {
+            std::vector<std::uint8_t> text;
+            appendUTF16AsUTF8(text, units);
+            ByteTable::Pair pair;
+            pair.trail = static_cast<std::uint8_t>(code);
+            if (text.empty() || text.size() > pair.utf8.size()) {
+                continue;   // cannot happen with the generated tables: a pair is a character or two
+            }
+            std::copy(text.begin(), text.end(), pair.utf8.begin());
+            pair.length = static_cast<std::uint8_t>(text.size());
+            const auto lead = static_cast<std::uint8_t>(code >> 8);
+            table->pairs[lead].push_back(pair);
+            table->isLead[lead] = true;
+            table->hasPairs = true;
+            if (lead < 0x80) {
+                table->asciiIdentity = false;
+            }
+        }
+    }
     std::lock_guard lock(cacheLock);
     return cache.try_emplace(encoding.id, std::move(table)).first->second;
 }
@@ -332,9 +361,40 @@ public:
         for (std::uint8_t length : table_->length) {
             longest_ = std::max<std::size_t>(longest_, length);
         }
+        for (const auto& pairs : table_->pairs) {
+            for (const ByteTable::Pair& pair : pairs) {
+                longest_ = std::max<std::size_t>(longest_, (pair.length + 1U) / 2U);
+            }
+        }
     }
 
     void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        if (!table_->hasPairs) {
+            run(in, out, report, consumed_, true);
+            consumed_ += static_cast<std::int64_t>(in.size());
+            return;
+        }
+        // A lead byte at the very end waits for the next block, which says whether it starts a pair.
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        const std::size_t used = run(bytes, out, report, base, false);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        std::vector<std::uint8_t> rest;
+        rest.swap(held_);
+        run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+private:
+    /// Converts `in`, whose first byte is input offset `base`; returns the bytes used. Unless `final`, a
+    /// lead byte at the end is left unused.
+    std::size_t run(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report,
+                    std::int64_t base, bool final) {
         const ByteTable& table = *table_;
         // Each entry is copied as 16 bytes and the pointer moved by its length: room for the overhang.
         std::uint8_t* const begin = buffer_.reserve(in.size() * longest_ + 16);
@@ -353,22 +413,41 @@ public:
                 }
             }
             const std::uint8_t byte = *read;
+            if (table.isLead[byte]) {
+                if (read + 1 == end) {
+                    if (!final) {
+                        break;
+                    }
+                } else if (const ByteTable::Pair* pair = pairFor(byte, read[1])) {
+                    std::memcpy(write, pair->utf8.data(), 16);
+                    write += pair->length;
+                    read += 2;
+                    continue;
+                }
+            }
             if (table.invalid[byte]) {
-                noteInvalid(report, consumed_ + (read - in.data()));
+                noteInvalid(report, base + (read - in.data()));
             }
             std::memcpy(write, table.utf8[byte].data(), 16);
             write += table.length[byte];
             ++read;
         }
         buffer_.appendTo(out, write);
-        consumed_ += static_cast<std::int64_t>(in.size());
+        return static_cast<std::size_t>(read - in.data());
     }
-    void finish(std::vector<std::uint8_t>&, ConversionReport&) override {}
-    [[nodiscard]] std::int64_t pending() const override { return 0; }
 
-private:
+    [[nodiscard]] const ByteTable::Pair* pairFor(std::uint8_t lead, std::uint8_t trail) const {
+        for (const ByteTable::Pair& pair : table_->pairs[lead]) {
+            if (pair.trail == trail) {
+                return &pair;
+            }
+        }
+        return nullptr;
+    }
+
     std::shared_ptr<const ByteTable> table_;
     std::size_t longest_ = 1;
+    std::vector<std::uint8_t> held_;
     RawBuffer buffer_;
 };
 
@@ -1393,11 +1472,11 @@ private:
     UTF8Reader reader_;
 };
 
-/// The way back through a table: the first byte of each unit wins; expansions, longest first, before
-/// single units.
+/// The way back through a table: the first byte of each unit wins; expansions (to one byte) and pairs
+/// (to two), longest first, before single units.
 struct ReverseTable {
     std::vector<std::int16_t> byUnit = std::vector<std::int16_t>(65'536, -1);
-    std::vector<std::pair<std::u16string, std::uint8_t>> expansions;     // longest first
+    std::vector<std::pair<std::u16string, std::vector<std::uint8_t>>> expansions;     // longest first
     std::vector<bool> startsExpansion = std::vector<bool>(65'536, false);
     std::size_t longestExpansion = 0;
     std::uint8_t question = 0x3F;
@@ -1420,13 +1499,21 @@ std::shared_ptr<const ReverseTable> reverseTableFor(const TextEncoding& encoding
     }
     if (encoding.expansions) {
         for (const auto& [byte, units] : *encoding.expansions) {
-            reverse->expansions.emplace_back(units, byte);
-            reverse->startsExpansion[units[0]] = true;
-            reverse->longestExpansion = std::max(reverse->longestExpansion, units.size());
+            reverse->expansions.emplace_back(units, std::vector<std::uint8_t>{byte});
         }
-        std::stable_sort(reverse->expansions.begin(), reverse->expansions.end(),
-                         [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
     }
+    if (encoding.pairs) {
+        for (const auto& [code, units] : *encoding.pairs) {
+            reverse->expansions.emplace_back(
+                units, std::vector<std::uint8_t>{static_cast<std::uint8_t>(code >> 8), static_cast<std::uint8_t>(code)});
+        }
+    }
+    for (const auto& [units, bytes] : reverse->expansions) {
+        reverse->startsExpansion[units[0]] = true;
+        reverse->longestExpansion = std::max(reverse->longestExpansion, units.size());
+    }
+    std::stable_sort(reverse->expansions.begin(), reverse->expansions.end(),
+                     [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
     if (reverse->byUnit['?'] >= 0 && !encoding.asciiCompatible) {
         reverse->question = static_cast<std::uint8_t>(reverse->byUnit['?']);
     }
@@ -1522,10 +1609,10 @@ private:
             }
             ends.push_back(at);
         }
-        for (const auto& [expansion, byte] : reverse_->expansions) {
+        for (const auto& [expansion, written] : reverse_->expansions) {
             if (expansion.size() <= units.size() && units.compare(0, expansion.size(), expansion) == 0 &&
                 ends[expansion.size() - 1] != 0) {
-                out.push_back(byte);
+                out.insert(out.end(), written.begin(), written.end());
                 return ends[expansion.size() - 1];
             }
         }

@@ -9,12 +9,15 @@
 namespace brim::CatalogueTables {
 
 /// A single-byte set: `table` is 256 groups of four hex digits (byte to UTF-16 unit, FFFD unassigned);
-/// `expansions` lists "BB:UUUU.UUUU" for bytes that decode to several units, separated by spaces.
+/// `expansions` lists "BB:UUUU.UUUU" for bytes that decode to several units, separated by spaces;
+/// `pairs` lists "LLTT:UUUU.UUUU" for two-byte codes: a lead byte followed by that second byte reads as
+/// the units given, though each byte alone reads as the table says.
 struct SingleByteData {
     std::string_view id;
     std::string_view source;        ///< where the generator took it from, for test messages
     std::string_view table;
     std::string_view expansions;
+    std::string_view pairs;
 };
 
 /// A double-byte Mac set, as tokens over several pieces: "@XXXX" sets the code, "UUUU" maps it and
