@@ -265,11 +265,14 @@ TEST(ProjectSearch, aRunReportsBatchesAndAnOutcome) {
     EXPECT_EQ(hits[0].url, paths[0]);
     EXPECT_FALSE(search.isRunning());
 
-    // A run stopped before it starts finishes as cancelled; one replaced says nothing.
+    // A run stopped while it goes finishes as cancelled; one replaced says nothing. The list is long
+    // (the same files many times over), so the run cannot be over before it is stopped.
+    std::vector<std::string> many;
+    for (int i = 0; i < 5'000; ++i) many.insert(many.end(), paths.begin(), paths.end());
     std::optional<ProjectSearch::Outcome> replaced;
     std::optional<ProjectSearch::Outcome> stopped;
-    search.run(paths, query, {}, {}, [&](const ProjectSearch::Outcome& o) { replaced = o; });
-    search.run(paths, query, {}, {}, [&](const ProjectSearch::Outcome& o) { stopped = o; });
+    search.run(many, query, {}, {}, [&](const ProjectSearch::Outcome& o) { replaced = o; });
+    search.run(many, query, {}, {}, [&](const ProjectSearch::Outcome& o) { stopped = o; });
     search.stop();
     ASSERT_TRUE(pumpUntil([&] { return stopped.has_value(); }));
     EXPECT_TRUE(stopped->wasCancelled);
