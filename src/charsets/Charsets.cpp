@@ -290,10 +290,8 @@ std::u16string parseUnits(std::string_view text) {
     return units;
 }
 
-} // namespace
-
-std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text) {
-    std::map<std::uint16_t, std::u16string> pairs;
+/// Calls `body` with each item of a list separated by spaces.
+template <typename Body> void forEachItem(std::string_view text, Body&& body) {
     std::size_t position = 0;
     while (position < text.size()) {
         if (text[position] == ' ') {
@@ -304,7 +302,16 @@ std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text) {
         if (end == std::string_view::npos) {
             end = text.size();
         }
-        const std::string_view item = text.substr(position, end - position);
+        body(text.substr(position, end - position));
+        position = end;
+    }
+}
+
+} // namespace
+
+std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text) {
+    std::map<std::uint16_t, std::u16string> pairs;
+    forEachItem(text, [&](std::string_view item) {
         if (item.size() < 6 || item[4] != ':') {
             throw std::invalid_argument("a two-byte code reads LLTT:UUUU.UUUU");
         }
@@ -312,43 +319,22 @@ std::map<std::uint16_t, std::u16string> parsePairs(std::string_view text) {
         if (code >> 8 < 0x80 || !pairs.emplace(code, parseUnits(item.substr(5))).second) {
             throw std::invalid_argument("a two-byte code has a lead byte of 0x80 or more and one entry per pair");
         }
-        position = end;
-    }
+    });
     return pairs;
 }
 
 std::map<std::uint8_t, std::u16string> parseExpansions(std::string_view text) {
     std::map<std::uint8_t, std::u16string> expansions;
-    std::size_t position = 0;
-    while (position < text.size()) {
-        if (text[position] == ' ') {
-            ++position;
-            continue;
-        }
-        std::size_t end = text.find(' ', position);
-        if (end == std::string_view::npos) {
-            end = text.size();
-        }
-        const std::string_view item = text.substr(position, end - position);
+    forEachItem(text, [&](std::string_view item) {
         if (item.size() < 4 || item[2] != ':') {
             throw std::invalid_argument("an expansion reads BB:UUUU.UUUU");
         }
         const auto byte = static_cast<std::uint8_t>(hexDigit(item[0]) * 16 + hexDigit(item[1]));
-        std::u16string units;
-        std::size_t from = 3;
-        while (from < item.size()) {
-            std::size_t dot = item.find('.', from);
-            if (dot == std::string_view::npos) {
-                dot = item.size();
-            }
-            units.push_back(static_cast<char16_t>(hexUnit(item.substr(from, dot - from))));
-            from = dot + 1;
-        }
+        std::u16string units = parseUnits(item.substr(3));
         if (units.size() < 2 || !expansions.emplace(byte, std::move(units)).second) {
             throw std::invalid_argument("an expansion has several units and one entry per byte");
         }
-        position = end;
-    }
+    });
     return expansions;
 }
 

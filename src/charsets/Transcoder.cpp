@@ -355,7 +355,37 @@ std::shared_ptr<const ByteTable> byteTableFor(const TextEncoding& encoding) {
     return cache.try_emplace(encoding.id, std::move(table)).first->second;
 }
 
-class TableDecoder final : public Side {
+/// A decoder that may leave the last bytes of a block unread until the next block says what they
+/// are: they are held and read again at the front of the next one, or as they stand at the end.
+class HoldingDecoder : public Side {
+public:
+    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        Joined joined(held_, in);
+        const std::span<const std::uint8_t> bytes = joined.bytes();
+        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
+        held_.clear();
+        const std::size_t used = run(bytes, out, report, base, false);
+        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
+        consumed_ += static_cast<std::int64_t>(in.size());
+    }
+    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
+        std::vector<std::uint8_t> rest;
+        rest.swap(held_);
+        run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
+    }
+    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
+
+protected:
+    /// Converts `in`, whose first byte is input offset `base`; returns the bytes used. Unless `final`,
+    /// bytes at the end that the next block may complete are left unused.
+    virtual std::size_t run(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out,
+                            ConversionReport& report, std::int64_t base, bool final) = 0;
+
+private:
+    std::vector<std::uint8_t> held_;
+};
+
+class TableDecoder final : public HoldingDecoder {
 public:
     explicit TableDecoder(std::shared_ptr<const ByteTable> table) : table_(std::move(table)) {
         for (std::uint8_t length : table_->length) {
@@ -375,26 +405,13 @@ public:
             return;
         }
         // A lead byte at the very end waits for the next block, which says whether it starts a pair.
-        Joined joined(held_, in);
-        const std::span<const std::uint8_t> bytes = joined.bytes();
-        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
-        held_.clear();
-        const std::size_t used = run(bytes, out, report, base, false);
-        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
-        consumed_ += static_cast<std::int64_t>(in.size());
+        HoldingDecoder::convert(in, out, report);
     }
-    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
-        std::vector<std::uint8_t> rest;
-        rest.swap(held_);
-        run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
-    }
-    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
 
-private:
-    /// Converts `in`, whose first byte is input offset `base`; returns the bytes used. Unless `final`, a
-    /// lead byte at the end is left unused.
+protected:
+    /// Unless `final`, a lead byte at the end is left unused.
     std::size_t run(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report,
-                    std::int64_t base, bool final) {
+                    std::int64_t base, bool final) override {
         const ByteTable& table = *table_;
         // Each entry is copied as 16 bytes and the pointer moved by its length: room for the overhang.
         std::uint8_t* const begin = buffer_.reserve(in.size() * longest_ + 16);
@@ -447,7 +464,6 @@ private:
 
     std::shared_ptr<const ByteTable> table_;
     std::size_t longest_ = 1;
-    std::vector<std::uint8_t> held_;
     RawBuffer buffer_;
 };
 
@@ -943,29 +959,13 @@ std::shared_ptr<const PairTable> pairTableFor(const std::string& name) {
     return result;
 }
 
-class PairTableDecoder final : public Side {
+class PairTableDecoder final : public HoldingDecoder {
 public:
     explicit PairTableDecoder(std::shared_ptr<const PairTable> table) : table_(std::move(table)) {}
 
-    void convert(std::span<const std::uint8_t> in, std::vector<std::uint8_t>& out, ConversionReport& report) override {
-        Joined joined(held_, in);
-        const std::span<const std::uint8_t> bytes = joined.bytes();
-        const std::int64_t base = consumed_ - static_cast<std::int64_t>(bytes.size() - in.size());
-        held_.clear();
-        const std::size_t used = run(bytes, out, report, base, false);
-        held_.assign(bytes.begin() + static_cast<std::ptrdiff_t>(used), bytes.end());
-        consumed_ += static_cast<std::int64_t>(in.size());
-    }
-    void finish(std::vector<std::uint8_t>& out, ConversionReport& report) override {
-        std::vector<std::uint8_t> rest;
-        rest.swap(held_);
-        run(rest, out, report, consumed_ - static_cast<std::int64_t>(rest.size()), true);
-    }
-    [[nodiscard]] std::int64_t pending() const override { return static_cast<std::int64_t>(held_.size()); }
-
-private:
+protected:
     std::size_t run(std::span<const std::uint8_t> bytes, std::vector<std::uint8_t>& out, ConversionReport& report,
-                    std::int64_t base, bool final) {
+                    std::int64_t base, bool final) override {
         const PairTable& table = *table_;
         std::uint8_t* const begin = buffer_.reserve(bytes.size() * 11 + 16);
         std::uint8_t* write = begin;
@@ -1006,7 +1006,6 @@ private:
     }
 
     std::shared_ptr<const PairTable> table_;
-    std::vector<std::uint8_t> held_;
     RawBuffer buffer_;
 };
 
