@@ -170,32 +170,42 @@ bool isTemporaryName(std::string_view name) {
 /// Thrown inside a save to end it when the user cancels; never leaves this file.
 struct SaveCancelled {};
 
-/// Calls `body` with the bytes of `range` of the table in order, in blocks of at most `blockSize`. A
-/// mapped file is read into `scratch` rather than touched through its map, so memory stays the
-/// block's size whatever the file's.
-void forEachPieceBlock(const PieceTable& table, ByteRange range, std::int64_t blockSize,
-                       std::vector<std::uint8_t>& scratch,
-                       const std::function<void(std::span<const std::uint8_t>)>& body) {
+/// Walks the pieces under `range` of the table in order, in blocks of at most `blockSize`: `body` gets
+/// the piece, the block's place in the piece's store, and the place there of the piece's whole part
+/// of the range.
+void forEachPieceStretch(const PieceTable& table, ByteRange range, std::int64_t blockSize,
+                         const std::function<void(const PieceTable::Piece&, ByteRange, ByteRange)>& body) {
     std::int64_t position = 0;
     for (const auto& piece : table.pieces()) {
         const ByteRange inDocument{position, position + piece.length};
         position += piece.length;
         const ByteRange wanted{std::max(range.lower, inDocument.lower), std::min(range.upper, inDocument.upper)};
         if (wanted.empty()) continue;
-        const ByteSource& source = piece.fromOriginal ? table.original() : static_cast<const ByteSource&>(table.added());
         const std::int64_t base = piece.offset - inDocument.lower;
+        const ByteRange whole{base + wanted.lower, base + wanted.upper};
         for (std::int64_t at = wanted.lower; at < wanted.upper; at += blockSize) {
-            const ByteRange inSource{base + at, base + std::min(wanted.upper, at + blockSize)};
-            if (source.prefersBufferedReads()) {
-                scratch.resize(static_cast<std::size_t>(inSource.length()));
-                source.read(inSource, scratch.data());
-                body(scratch);
-            } else {
-                source.withBytes(inSource, body);
-            }
+            body(piece, {base + at, base + std::min(wanted.upper, at + blockSize)}, whole);
         }
         if (position >= range.upper) break;
     }
+}
+
+/// Calls `body` with the bytes of `range` of the table in order, in blocks of at most `blockSize`. A
+/// mapped file is read into `scratch` rather than touched through its map, so memory stays the
+/// block's size whatever the file's.
+void forEachPieceBlock(const PieceTable& table, ByteRange range, std::int64_t blockSize,
+                       std::vector<std::uint8_t>& scratch,
+                       const std::function<void(std::span<const std::uint8_t>)>& body) {
+    forEachPieceStretch(table, range, blockSize, [&](const PieceTable::Piece& piece, ByteRange inSource, ByteRange) {
+        const ByteSource& source = piece.fromOriginal ? table.original() : static_cast<const ByteSource&>(table.added());
+        if (source.prefersBufferedReads()) {
+            scratch.resize(static_cast<std::size_t>(inSource.length()));
+            source.read(inSource, scratch.data());
+            body(scratch);
+        } else {
+            source.withBytes(inSource, body);
+        }
+    });
 }
 
 /// Copies the bytes of `from` into the existing file `into`, then cuts it to their length: the same
@@ -431,36 +441,29 @@ TextDocument::SaveOutcome TextDocument::writeOut(const std::filesystem::path& re
             if (isCancelled && isCancelled()) throw SaveCancelled{};
         }
         const LineIndex& originalIndex = completed ? *completed : table_->originalIndex();
-        std::int64_t position = 0;
-        for (const auto& piece : table_->pieces()) {
-            const ByteRange inDocument{position, position + piece.length};
-            position += piece.length;
-            const ByteRange wanted{std::max(whole.lower, inDocument.lower), std::min(whole.upper, inDocument.upper)};
-            if (wanted.empty()) continue;
-            const std::int64_t base = piece.offset - inDocument.lower;
-            if (piece.fromOriginal) builder.appendIndexed(originalIndex, table_->original(), {base + wanted.lower, base + wanted.upper});
-            for (std::int64_t at = wanted.lower; at < wanted.upper; at += saveBlockSize) {
-                const ByteRange inSource{base + at, base + std::min(wanted.upper, at + saveBlockSize)};
-                if (piece.fromOriginal) {
-                    const std::int64_t came = temp.copyFrom(mappedOriginal->fd(), inSource.lower, inSource.length());
-                    if (came < inSource.length()) {
-                        // The file was cut short under the document: what the document shows for the
-                        // missing part (zeros, as the map reads them) is written as it stands.
-                        block.resize(static_cast<std::size_t>(inSource.length() - came));
-                        table_->original().read({inSource.lower + came, inSource.upper}, block.data());
-                        temp.write(block);
-                    }
-                } else {
-                    table_->added().withBytes(inSource, [&](std::span<const std::uint8_t> bytes) {
-                        builder.scan(bytes);
-                        temp.write(bytes);
-                    });
+        forEachPieceStretch(*table_, whole, saveBlockSize, [&](const PieceTable::Piece& piece, ByteRange inSource,
+                                                               ByteRange pieceStretch) {
+            if (piece.fromOriginal) {
+                // The lines of the whole stretch at once, so its ends are read once, not at every block.
+                if (inSource.lower == pieceStretch.lower) builder.appendIndexed(originalIndex, table_->original(), pieceStretch);
+                const std::int64_t came = temp.copyFrom(mappedOriginal->fd(), inSource.lower, inSource.length());
+                if (came < inSource.length()) {
+                    // The file was cut short under the document: what the document shows for the
+                    // missing part (zeros, as the map reads them) is written as it stands.
+                    block.resize(static_cast<std::size_t>(inSource.length() - came));
+                    table_->original().read({inSource.lower + came, inSource.upper}, block.data());
+                    temp.write(block);
                 }
-                done += inSource.length();
-                if (progress) progress(static_cast<double>(done) / static_cast<double>(total));
-                if (isCancelled && isCancelled()) throw SaveCancelled{};
+            } else {
+                table_->added().withBytes(inSource, [&](std::span<const std::uint8_t> bytes) {
+                    builder.scan(bytes);
+                    temp.write(bytes);
+                });
             }
-        }
+            done += inSource.length();
+            if (progress) progress(static_cast<double>(done) / static_cast<double>(total));
+            if (isCancelled && isCancelled()) throw SaveCancelled{};
+        });
     };
 
     try {
